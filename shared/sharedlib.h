@@ -31,3 +31,5 @@
 // file
 
 // expr
+
+// services
