@@ -28,6 +28,7 @@
 
 // media
 #include "media/CLBuffer.h"
+#include "media/CLSBuffer.h"
 
 // file
 
