@@ -27,6 +27,7 @@
 // proxy
 
 // media
+#include "media/BinBuf.h"
 #include "media/CLBuffer.h"
 #include "media/CLSBuffer.h"
 
