@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -139,6 +142,47 @@ TEST(CLBuffer, RecordsComeOutInUnsignedIdOrder) {
   EXPECT_EQ((std::vector<unsigned>{2, 5, 9, 0x80000000u, 0xFFFFFFFFu}), order);
   EXPECT_EQ(0u, len);
   EXPECT_EQ(0u, buf.poplast(nullptr, nullptr));
+}
+
+// Mixed inserts, erases and pops at random positions of the index, checked
+// against an ordered map after every step.
+TEST(CLBuffer, RandomTrafficMatchesAnOrderedMap) {
+  CLBuffer buf(8, 16, 0, kSlotPerInsert, 0, 0, 16);
+  std::map<unsigned, std::string> model;
+  std::mt19937 rng(12345);
+  for (int step = 0; step < 20000; ++step) {
+    unsigned id = 1 + rng() % 300;
+    switch (rng() % 4) {
+      case 0:
+      case 1:
+        if (!model.count(id)) {
+          std::string bytes = std::to_string(id);
+          ASSERT_EQ(bytes.size(), Put(buf, id, bytes));
+          model[id] = bytes;
+        }
+        break;
+      case 2:
+        ASSERT_EQ(model.erase(id), static_cast<std::size_t>(buf.erase(id)));
+        break;
+      default: {
+        char tmp[8];
+        unsigned len = sizeof tmp;
+        unsigned popped = buf.popfirst(tmp, &len);
+        ASSERT_EQ(model.empty() ? 0u : model.begin()->first, popped);
+        if (popped) {
+          ASSERT_EQ(model.begin()->second, std::string(tmp, len));
+          model.erase(model.begin());
+        }
+      }
+    }
+    ASSERT_EQ(model.size(), buf.get_nitens());
+    if (step % 97 == 0) {
+      auto it = model.begin();
+      for (unsigned got = buf.first(nullptr, nullptr); got; got = buf.next(nullptr, nullptr), ++it)
+        ASSERT_EQ(it->first, got);
+      ASSERT_TRUE(it == model.end());
+    }
+  }
 }
 
 TEST(CLBuffer, CursorIsAnchoredByIdAcrossInsertsAndErases) {
