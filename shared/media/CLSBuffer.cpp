@@ -190,10 +190,9 @@ int CLSBuffer::reset() {
   return CLBuffer::reset();
 }
 
-int CLSBuffer::erase(unsigned id) {
+void CLSBuffer::RecordErased(unsigned id) {
   if (CLSPktTable *table = GetPktTable(id))
     table->Clear();
-  return CLBuffer::erase(id);
 }
 
 void CLSBuffer::erase_all() {

@@ -192,11 +192,10 @@ public:
   int SetPktUserData(unsigned id, unsigned pktId, std::uint64_t userData);
   std::uint64_t GetPktUserData(unsigned id, unsigned pktId);
 
-  // Through the base class: streams lose their packets (erase, erase_all) or
-  // are all destroyed (reset); nothing is left pointing at freed slots.
+  // Through the base class: streams lose their packets when their record
+  // leaves (erase, pops, erase_all) and are all destroyed by reset; nothing
+  // is left pointing at freed slots.
   int reset() override;
-  using CLBuffer::erase;
-  int erase(unsigned id) override;
   void erase_all() override;
 
   // Slots dropped by budget since the last reset: memory held by the buffer
@@ -205,6 +204,7 @@ public:
 
 protected:
   CLSPktTable *GetPktTable(unsigned id);
+  void RecordErased(unsigned id) override;
 
 private:
   int _AddPacket(unsigned id, CLSPktTable *table, CLSPktRec &rec, void *data, int newSlot, CLDataBuf *target,

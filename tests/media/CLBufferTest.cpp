@@ -237,6 +237,40 @@ TEST(CLBuffer, PeekThenPoplastopKeepsTheUnsentTailFirst) {
   EXPECT_EQ(8u, queue.GetFreeSlotCount());
 }
 
+// A derived store whose erase takes another kind of key (the send queue's
+// takes a socket): records emptied by pops and commits must still go by
+// their own id, reported through RecordErased.
+class SocketKeyed : public CLBuffer {
+public:
+  SocketKeyed() : CLBuffer(16, 8, 0, 0, kSplit, 0, 0) {}
+  int erase(unsigned sock) override {
+    ++socketErases;
+    return CLBuffer::erase(sock + 1);
+  }
+  void RecordErased(unsigned id) override { erased.push_back(id); }
+  int socketErases = 0;
+  std::vector<unsigned> erased;
+};
+
+TEST(CLBuffer, RecordsEmptiedInternallyNeverGoThroughADerivedErase) {
+  SocketKeyed queue;
+  for (unsigned key : {6u, 7u, 8u, 9u})
+    Put(queue, key, "ab");
+  char tmp[16];
+  unsigned len = sizeof tmp;
+  int done = 0;
+  queue.first(6, tmp, &len, nullptr, 0, &done);
+  queue.poplastop(6, len);
+  len = sizeof tmp;
+  queue.first(7, tmp, &len, nullptr, 1, &done);
+  EXPECT_EQ(1, done);
+  EXPECT_EQ(8u, queue.popfirst(nullptr, nullptr));
+  EXPECT_EQ(1, queue.erase(8u));  // the derived meaning: socket 8 is record 9
+  EXPECT_EQ(1, queue.socketErases);  // only the explicit call
+  EXPECT_EQ((std::vector<unsigned>{6, 7, 8, 9}), queue.erased);
+  EXPECT_EQ(0u, queue.get_nitens());
+}
+
 TEST(CLBuffer, TargetSlotsPlaceNewSlotsBeforeOrAfter) {
   CLBuffer buf(8, 8, 0, 0, 0, 0, 0);
   CLDataBuf *middle = nullptr;
