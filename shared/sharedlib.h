@@ -29,7 +29,13 @@
 // media
 
 // file
+#include "file/FilePrimitives.h"
+#include "file/FileRead.h"
 
 // expr
 
 // services
+#include "services/Adler32.h"
+#include "services/Base64.h"
+#include "services/CpuUsage.h"
+#include "services/SHA1.h"
