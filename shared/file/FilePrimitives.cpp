@@ -7,15 +7,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <new>
+#include <string>
 
 namespace sp = shared::platform;
 
 namespace {
 
 constexpr int kDefaultMode = 0600;
-// Room for a path of the library's fixed path fields (260) and its NUL.
-constexpr unsigned kPathBuf = 261;
 
 bool IsPathSeparator(char c) { return c == '\\' || c == '/' || c == ':'; }
 
@@ -208,12 +206,9 @@ int CriaDir(char const *dir) {
     return 0;
   if (DirectoryExist(dir))
     return 1;
-  std::size_t len = std::strlen(dir);
-  char stackBuf[kPathBuf];
-  char *prefix = len < sizeof stackBuf ? stackBuf : new (std::nothrow) char[len + 1];
-  if (!prefix)
-    return 0;
-  std::memcpy(prefix, dir, len + 1);
+  std::string path(dir);
+  char *prefix = path.data();
+  std::size_t len = path.size();
   // Each ancestor in turn; failures are left to the final test (an ancestor
   // may exist already or be made by someone else meanwhile).
   for (std::size_t i = 1; i < len; ++i) {
@@ -226,21 +221,15 @@ int CriaDir(char const *dir) {
   }
   if (!DirectoryExist(prefix))
     mkdir_x(prefix);
-  int made = DirectoryExist(prefix);
-  if (prefix != stackBuf)
-    delete[] prefix;
-  return made;
+  return DirectoryExist(prefix);
 }
 
 int PodeCriarDir(char const *dir) {
   if (comp_branco(dir))
     return 0;
-  std::size_t len = std::strlen(dir);
-  char stackBuf[kPathBuf];
-  char *path = len < sizeof stackBuf ? stackBuf : new (std::nothrow) char[len + 1];
-  if (!path)
-    return 0;
-  std::memcpy(path, dir, len + 1);
+  std::string copy(dir);
+  char *path = copy.data();
+  std::size_t len = copy.size();
   int result = 0;
   for (bool first = true;; first = false) {
     while (len > 1 && sp::SysIsNativeSeparator(path[len - 1]))
@@ -262,8 +251,6 @@ int PodeCriarDir(char const *dir) {
     }
     path[len] = '\0';
   }
-  if (path != stackBuf)
-    delete[] path;
   return result;
 }
 

@@ -14,6 +14,19 @@ constexpr unsigned char kLf = 10;
 constexpr unsigned char kEof = 0x1A;
 
 bool EndsLine(unsigned char c) { return c == kCr || c == kLf || c == kEof; }
+bool EndsRawLine(unsigned char c) { return c == kCr || c == kEof; }
+
+// Copies data[from, end) up to the first byte that ends the line, keeping at
+// most size bytes in dst (none when dst is null): returns where it stopped.
+int CopyUntil(unsigned char const *data, int from, int end, char *dst, unsigned size,
+              unsigned *kept, bool (*ends)(unsigned char)) {
+  int p = from;
+  *kept = 0;
+  for (; p < end && !ends(data[p]); ++p)
+    if (dst && *kept < size)
+      dst[(*kept)++] = static_cast<char>(data[p]);
+  return p;
+}
 
 }  // namespace
 
@@ -78,11 +91,8 @@ unsigned FileRead::read_line(char *dst, unsigned size) {
   if (!dst)
     size = 0;
   unsigned char const *data = buffer_.get();
-  int p = position_;
   unsigned kept = 0;
-  for (; p < size_ && !EndsLine(data[p]); ++p)
-    if (kept < size)
-      dst[kept++] = static_cast<char>(data[p]);
+  int p = CopyUntil(data, position_, size_, dst, size, &kept, EndsLine);
   if (p < size_) {
     // Only CR takes a following LF with it: CR LF is one line end, while
     // LF CR and LF LF are two.
@@ -105,15 +115,8 @@ unsigned FileRead::read_line(char *dst, unsigned size) {
 unsigned FileRead::read_line2(char *dst, unsigned size) {
   if (Start() < 0)
     return 0;
-  if (!dst)
-    size = 0;
-  unsigned char const *data = buffer_.get();
-  int p = position_;
   unsigned kept = 0;
-  for (; p < size_ && data[p] != kCr && data[p] != kEof; ++p)
-    if (kept < size)
-      dst[kept++] = static_cast<char>(data[p]);
-  position_ = p;
+  position_ = CopyUntil(buffer_.get(), position_, size_, dst, size, &kept, EndsRawLine);
   return kept;
 }
 
