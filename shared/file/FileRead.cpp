@@ -33,6 +33,10 @@ int CopyUntil(unsigned char const *data, int from, int end, char *dst, unsigned 
 FileRead::FileRead(char const *path, unsigned flags) {
   if (!path || !FileExist(path))
     return;
+  // Only regular files: opening a FIFO for reading would wait for a writer,
+  // and a device has no length to load.
+  if (shared::platform::SysPathKind(path) != shared::platform::PathKind::kFile)
+    return;
   int fd = open_ap(path, nullptr, static_cast<int>(flags), 0);
   if (fd == -1)
     return;

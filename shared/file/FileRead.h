@@ -18,8 +18,8 @@
 class SHAREDLIB_API FileRead {
 public:
   // Loads path, opened with flags (this platform's open flags, passed through
-  // unchanged; the caller includes read access). A null path, a missing or
-  // unreadable file, or a short read leaves the object not ok.
+  // unchanged; the caller includes read access). A null path, a missing,
+  // unreadable or not regular file, or a short read leaves the object not ok.
   FileRead(char const *path, unsigned flags);
   ~FileRead();
   FileRead(FileRead const &) = default;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <memory>
+#include <sys/stat.h>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -129,6 +130,10 @@ TEST(FileRead, EmptyMissingAndUnreadableFiles) {
   EXPECT_FALSE(null.IsOk());
   FileRead dir(tmp.path().c_str(), O_RDONLY);
   EXPECT_FALSE(dir.IsOk());
+  std::string fifo = tmp / "fifo";
+  ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+  FileRead pipe(fifo.c_str(), O_RDONLY);  // refused, not waited on
+  EXPECT_FALSE(pipe.IsOk());
 
   // Flags go through unchanged: write-only access makes the read fail.
   testing::internal::CaptureStderr();
