@@ -12,20 +12,14 @@ namespace testutil {
 
 class TempDir {
 public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "sharedlib-files-XXXXXX").string();
-    char *made = ::mkdtemp(pattern.data());
-    if (!made)
-      ADD_FAILURE() << "mkdtemp failed for " << pattern;
-    path_ = pattern;
+  TempDir() : path_((std::filesystem::temp_directory_path() / "sharedlib-files-XXXXXX").string()) {
+    if (!::mkdtemp(path_.data()))
+      ADD_FAILURE() << "mkdtemp failed for " << path_;
   }
   ~TempDir() {
     std::error_code ec;
     std::filesystem::remove_all(path_, ec);
   }
-  TempDir(TempDir const &) = delete;
-  TempDir &operator=(TempDir const &) = delete;
-
   std::string const &path() const { return path_; }
   std::string operator/(std::string const &name) const { return path_ + "/" + name; }
 
@@ -43,16 +37,5 @@ public:
 private:
   std::string path_;
 };
-
-inline std::string ReadAll(std::string const &path) {
-  std::string out;
-  if (std::FILE *f = std::fopen(path.c_str(), "rb")) {
-    char buf[4096];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;)
-      out.append(buf, n);
-    std::fclose(f);
-  }
-  return out;
-}
 
 }  // namespace testutil
