@@ -1,4 +1,9 @@
-#include "Oracles.h"
+// Independent implementations the services are checked against, in a file
+// of their own: zlib's adler32 and the crypto library's SHA1 must not meet the
+// library's functions of the same names.
+#include <cstddef>
+#include <cstdint>
+#include <vector>
 
 #include <openssl/evp.h>
 #include <zlib.h>
