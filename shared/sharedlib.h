@@ -32,7 +32,13 @@
 #include "media/CLSBuffer.h"
 
 // file
+#include "file/FilePrimitives.h"
+#include "file/FileRead.h"
 
 // expr
 
 // services
+#include "services/Adler32.h"
+#include "services/Base64.h"
+#include "services/CpuUsage.h"
+#include "services/SHA1.h"
