@@ -95,6 +95,18 @@ protected:
   // Forgets every registration and frees per-wait storage.
   virtual void reset();
 
+  // Shared by the backends: the readiness mask (kSew*) of a socket whose
+  // system flags (platform kPoll* values) are pollFlags, for a wait that asked
+  // for the kinds in asked. An error or hang-up makes the socket ready for
+  // every kind asked for, so the owner's next read or write sees the failure;
+  // it also sets kSewError when that was asked for.
+  static unsigned long ReadyMask(unsigned pollFlags, unsigned long asked);
+  // The system interest flags (kPoll*) for the kinds in asked.
+  static short InterestFlags(unsigned long asked);
+  // The wait of a pass with nothing to watch: sleeps timeoutMs through the
+  // library clock (100 ms for -1, nothing for other negatives).
+  static void IdleWait(long timeoutMs);
+
   int nfds_ = 0;                  // registration count
   char name_[64];                 // label only
   ISEWIterator *iterator_ = nullptr;  // not owned
