@@ -8,6 +8,8 @@
 
 namespace pf = shared::platform;
 
+ISEWIterator::~ISEWIterator() = default;
+
 SockEventsWrapper::SockEventsWrapper(char const *name) { ajusta_str(name != nullptr ? name : "", name_, 63); }
 
 SockEventsWrapper::~SockEventsWrapper() = default;

@@ -46,9 +46,8 @@ class SHAREDLIB_API ISEWIterator {
 public:
   virtual unsigned int firstActiveSocket(unsigned int *pos) = 0;
   virtual unsigned int nextActiveSocket(unsigned int *pos) = 0;
-
-protected:
-  ~ISEWIterator() = default;  // never deleted through this interface
+  // Declared after the two walks so they keep the first two slots.
+  virtual ~ISEWIterator();
 };
 
 class SHAREDLIB_API SockEventsWrapper {
