@@ -153,7 +153,7 @@ int EPollWrapper::EventHandler(unsigned long events, long timeoutMs, int) {
     if (s.ready.capacity() == 0) return -1;
     want = s.ready.capacity();
   }
-  int const waitMs = timeoutMs < 0 ? -1 : (timeoutMs > 0x7FFFFFFFL ? 0x7FFFFFFF : static_cast<int>(timeoutMs));
+  int const waitMs = SystemTimeout(timeoutMs);
   int const rc = s.kernel.Wait(static_cast<int>(want), waitMs);
   if (rc < 0) return -1;
   for (int i = 0; i < rc; ++i) {
@@ -180,10 +180,7 @@ unsigned int EPollWrapper::Walk(unsigned long *events, unsigned int *pos, void *
       return r.fd;
     }
   }
-  if (events != nullptr) *events = 0;
-  if (pos != nullptr) *pos = 0;
-  if (ctx != nullptr) *ctx = nullptr;
-  return kNoSocket;
+  return EndOfWalk(events, pos, ctx);
 }
 
 unsigned int EPollWrapper::firstEvent(unsigned long *events, unsigned int *pos, void **ctx) {

@@ -3,7 +3,6 @@
 
 #include "platform/Clock.h"
 #include "socket/EPollWrapper.h"
-#include "socket/KQueueWrapper.h"
 #include "socket/PollWrapper.h"
 #include "socket/SelectWrapper.h"
 
@@ -366,21 +365,6 @@ TEST(InitSockEventsWrapperTest, PicksTheFirstMatchingModeInTheFixedOrder) {
   EXPECT_EQ(std::string(named->GetName()), longName.substr(0, 63));
   std::unique_ptr<SockEventsWrapper> unnamed(InitSockEventsWrapper(1, nullptr, nullptr));
   EXPECT_STREQ(unnamed->GetName(), "");
-}
-
-TEST(KQueueWrapperTest, AnswersEveryCallWithNothing) {
-  KQueueWrapper kq("kq");
-  Pair p;
-  EXPECT_EQ(kq.GetMode(), kSewModeKQueue);
-  EXPECT_EQ(kq.set(p.sock(), nullptr, 0), 0);
-  EXPECT_EQ(kq.getnfds(), 0);
-  EXPECT_EQ(kq.EventHandler(kSewRead, 0, 1), -1);
-  unsigned long ev = 7;
-  unsigned int pos = 7;
-  EXPECT_EQ(kq.firstEvent(&ev, &pos, nullptr), kNone);
-  EXPECT_EQ(ev, 0u);
-  EXPECT_EQ(pos, 0u);
-  EXPECT_EQ(kq.init(), 0);
 }
 
 }  // namespace

@@ -100,19 +100,6 @@ TEST(fdVectorTest, GrowsWithoutLimitAndNeverHoldsASocketTwice) {
   EXPECT_EQ(v.first(nullptr), kNone);
 }
 
-TEST(fdVectorTest, HasNoTextBuffers) {
-  fdVector v;
-  IfdACtrl &a = v;
-  v.set(4);
-  unsigned room = 77;
-  char line[8];
-  EXPECT_EQ(a.AddTxtBuf(4), 0);
-  EXPECT_EQ(a.PutTxt(4, "a\n", 2), 0);
-  EXPECT_EQ(a.GetTxtLine(4, line, sizeof(line)), 0);
-  EXPECT_EQ(a.GetTxtRoom(4, &room), 0);
-  EXPECT_EQ(room, 77u);
-}
-
 TEST(fdATxtSVectorTest, EachSocketHasItsOwnRegisterForItsTimeInTheSet) {
   fdATxtSVector v;
   IfdACtrl &a = v;
