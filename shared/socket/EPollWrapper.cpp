@@ -81,13 +81,20 @@ int EPollWrapper::set(unsigned int fd, void *ctx, int) {
   if (state_ == nullptr || !state_->kernel.IsOpen()) init();
   if (fd == kNoSocket || fd > kMaxFd || state_ == nullptr || !state_->kernel.IsOpen()) return 0;
   State &s = *state_;
+  unsigned const mask = static_cast<unsigned short>(InterestFlags(s.interest));
   if (State::Slot *slot = s.SlotOf(fd); slot != nullptr && slot->registered) {
+    // Set again: make sure the kernel still watches this number. If the
+    // socket was closed without clr and its number reused, the kernel has
+    // dropped the old one and the new socket must be added.
+    if (s.kernel.Modify(static_cast<int>(fd), mask, Pack(fd, slot->gen)) != 0 &&
+        s.kernel.Add(static_cast<int>(fd), mask, Pack(fd, slot->gen)) != 0) {
+      return 0;
+    }
     slot->ctx = ctx;
     ++nfds_;
     return 1;
   }
   std::uint32_t const gen = fd < s.slots.size() ? s.slots[fd].gen : 0;
-  unsigned const mask = static_cast<unsigned short>(InterestFlags(s.interest));
   // The kernel refuses what is not an open descriptor, before any storage
   // grows for it.
   if (s.kernel.Add(static_cast<int>(fd), mask, Pack(fd, gen)) != 0 &&
