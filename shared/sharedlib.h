@@ -9,6 +9,7 @@
 #include "platform/Compat.h"
 #include "platform/Export.h"
 #include "platform/PlatformInfo.h"
+#include "platform/Readiness.h"
 #include "platform/Types.h"
 
 // text
