@@ -126,12 +126,12 @@ int _SEMAPHORE::Signal(char const *) {
     return 0;
   switch (type_) {
     case 1: {
-      {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (count_ >= maxCount_)
-          return 0;
-        ++count_;
-      }
+      // Notify while holding the mutex: a waiter woken by this signal may
+      // destroy the semaphore as soon as it returns.
+      std::lock_guard<std::mutex> guard(mutex_);
+      if (count_ >= maxCount_)
+        return 0;
+      ++count_;
       released_.notify_one();
       return 1;
     }
