@@ -27,6 +27,7 @@
 // proxy
 
 // media
+#include "media/CLBuffer.h"
 
 // file
 
