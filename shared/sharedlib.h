@@ -28,6 +28,9 @@
 
 // media
 #include "media/CLBuffer.h"
+#include "media/JitterBuffer.h"
+#include "media/MediaFrag.h"
+#include "media/MediaJitterBuf.h"
 
 // file
 
