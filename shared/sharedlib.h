@@ -9,6 +9,7 @@
 #include "platform/Compat.h"
 #include "platform/Export.h"
 #include "platform/PlatformInfo.h"
+#include "platform/ThreadApi.h"
 #include "platform/Types.h"
 
 // text
@@ -17,6 +18,8 @@
 
 // thread
 #include "thread/Semaphore.h"
+#include "thread/Thread.h"
+#include "thread/ThreadRegistry.h"
 
 // socket
 
