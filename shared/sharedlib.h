@@ -34,6 +34,7 @@
 #include "media/JitterBuffer.h"
 #include "media/MediaFrag.h"
 #include "media/MediaJitterBuf.h"
+#include "media/XJitterCtrl.h"
 
 // file
 
