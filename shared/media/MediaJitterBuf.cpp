@@ -20,6 +20,13 @@ MediaJitterBuf::MediaJitterBuf(unsigned maxPackets, unsigned maxPacketSize, unsi
 
 MediaJitterBuf::~MediaJitterBuf() = default;
 
+template <typename F>
+auto MediaJitterBuf::Locked(F &&work) {
+  shared::SemGuard guard(lock_, "MediaJitterBuf");
+  VerifyIdleTime();
+  return work();
+}
+
 void MediaJitterBuf::VerifyIdleTime() {
   if (idleSeconds_ == 0 || lastInsert_ == 0)
     return;
@@ -30,84 +37,62 @@ void MediaJitterBuf::VerifyIdleTime() {
 }
 
 int MediaJitterBuf::insert(unsigned seq, char const *data, unsigned len) {
-  shared::SemGuard guard(lock_, "MediaJitterBuf::insert");
-  VerifyIdleTime();
-  int const result = JitterBuffer::insert(seq, data, len);
-  if (result) {
-    lastInsert_ = shared::platform::NowSeconds();
-    while (JitterBuffer::GetnPacketsLeft() > maxPackets_) {
-      if (JitterBuffer::popfirst(nullptr, nullptr) == 0)
-        break;
+  return Locked([&] {
+    int const result = JitterBuffer::insert(seq, data, len);
+    if (result) {
+      lastInsert_ = shared::platform::NowSeconds();
+      while (JitterBuffer::GetnPacketsLeft() > maxPackets_) {
+        if (JitterBuffer::popfirst(nullptr, nullptr) == 0)
+          break;
+      }
     }
-  }
-  return result;
+    return result;
+  });
 }
 
 int MediaJitterBuf::search(unsigned seq, char *buf, unsigned *len) {
-  shared::SemGuard guard(lock_, "MediaJitterBuf::search");
-  VerifyIdleTime();
-  return JitterBuffer::search(seq, buf, len);
+  return Locked([&] { return JitterBuffer::search(seq, buf, len); });
 }
 
 int MediaJitterBuf::remove(unsigned seq) {
-  shared::SemGuard guard(lock_, "MediaJitterBuf::remove");
-  VerifyIdleTime();
-  return JitterBuffer::remove(seq);
+  return Locked([&] { return JitterBuffer::remove(seq); });
 }
 
 unsigned MediaJitterBuf::popfirst(char *buf, unsigned *len) {
-  shared::SemGuard guard(lock_, "MediaJitterBuf::popfirst");
-  VerifyIdleTime();
-  return JitterBuffer::popfirst(buf, len);
+  return Locked([&] { return JitterBuffer::popfirst(buf, len); });
 }
 
 unsigned MediaJitterBuf::popbytes(char *buf, unsigned *len) {
-  shared::SemGuard guard(lock_, "MediaJitterBuf::popbytes");
-  VerifyIdleTime();
-  return JitterBuffer::popbytes(buf, len);
+  return Locked([&] { return JitterBuffer::popbytes(buf, len); });
 }
 
 unsigned MediaJitterBuf::GetnPacketsLeft() {
-  shared::SemGuard guard(lock_);
-  VerifyIdleTime();
-  return JitterBuffer::GetnPacketsLeft();
+  return Locked([&] { return JitterBuffer::GetnPacketsLeft(); });
 }
 
 unsigned MediaJitterBuf::GetnPacketsLost() {
-  shared::SemGuard guard(lock_);
-  VerifyIdleTime();
-  return JitterBuffer::GetnPacketsLost();
+  return Locked([&] { return JitterBuffer::GetnPacketsLost(); });
 }
 
 unsigned MediaJitterBuf::GetnPacketsInserted() {
-  shared::SemGuard guard(lock_);
-  VerifyIdleTime();
-  return JitterBuffer::GetnPacketsInserted();
+  return Locked([&] { return JitterBuffer::GetnPacketsInserted(); });
 }
 
 unsigned MediaJitterBuf::GetnPacketsRemoved() {
-  shared::SemGuard guard(lock_);
-  VerifyIdleTime();
-  return JitterBuffer::GetnPacketsRemoved();
+  return Locked([&] { return JitterBuffer::GetnPacketsRemoved(); });
 }
 
 unsigned MediaJitterBuf::GetnBytesLeft() {
-  shared::SemGuard guard(lock_);
-  VerifyIdleTime();
-  return JitterBuffer::GetnBytesLeft();
+  return Locked([&] { return JitterBuffer::GetnBytesLeft(); });
 }
 
 unsigned MediaJitterBuf::GetPercFull() {
-  shared::SemGuard guard(lock_);
-  VerifyIdleTime();
-  return JitterBuffer::GetPercFull();
+  return Locked([&] { return JitterBuffer::GetPercFull(); });
 }
 
 void MediaJitterBuf::GetInfo(unsigned *left, unsigned *percFull, unsigned *lost, unsigned *inserted,
                              unsigned *removed) {
-  shared::SemGuard guard(lock_);
-  VerifyIdleTime();
-  JitterBuffer::GetInfo(left, percFull, lost, inserted, removed);
+  Locked([&] { JitterBuffer::GetInfo(left, percFull, lost, inserted, removed); });
 }
 
 void MediaJitterBuf::flush(int lock) {

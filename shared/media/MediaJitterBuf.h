@@ -48,6 +48,9 @@ public:
 
 private:
   void VerifyIdleTime();  // lock held
+  // Runs work under the lock, after the idle check.
+  template <typename F>
+  auto Locked(F &&work);
 
   int ok_;
   unsigned const idleSeconds_;

@@ -69,6 +69,22 @@ private:
 
 std::string Bytes(unsigned n, char c) { return std::string(n, c); }
 
+// The client's read loop makes one waiting GetPacket call, then ends the
+// loop (the read thread then waits for the buffer to drain).
+struct OneRead {
+  OneRead(ScriptedEvents &ev, XJitterCtrl &ctrl, unsigned len, int waitForLen) {
+    ev.script = [this, &ctrl, len, waitForLen] {
+      std::vector<char> buf(len);
+      seq = ctrl.GetPacket(buf.data(), len, &outLen, 1, waitForLen);
+      done.Open();
+      return 0;
+    };
+  }
+  Latch done;
+  unsigned seq = 99;  // written before done opens
+  unsigned outLen = 0;
+};
+
 TEST(XJitterCtrl, InitializeChecksItsSizesAndStartCanBeRefused) {
   ScriptedEvents ev;
   XJitterCtrl ctrl;
@@ -109,25 +125,18 @@ TEST(XJitterCtrl, GetPacketWaitsForTheFillTargetAndTheThreadWaitsForTheDrain) {
   ScriptedEvents ev;
   XJitterCtrl ctrl;
   ASSERT_EQ(1, ctrl.Initialize(20, 1000, 1000, &ev));
-  Latch read;
-  unsigned gotSeq = 0, gotLen = 0;
-  ev.script = [&] {
-    char buf[1000];
-    gotSeq = ctrl.GetPacket(buf, sizeof buf, &gotLen, 1, 1);
-    read.Open();
-    return 0;  // end the loop: the thread now waits for the buffer to drain
-  };
+  OneRead read(ev, ctrl, 1000, 1);
   ASSERT_EQ(1, ctrl.Start());
   ASSERT_EQ(1, ctrl.Insert(1, Bytes(400, 'a').data(), 400));
   ASSERT_EQ(1, ctrl.Resume());
   ASSERT_TRUE(Eventually([&] { return ctrl.IsFilling() == 1; }));
   ASSERT_EQ(1, ctrl.Insert(2, Bytes(400, 'b').data(), 400));
   EXPECT_EQ(1, ctrl.IsFilling());  // 800 bytes are not yet 1000
-  EXPECT_FALSE(read.IsOpen());
+  EXPECT_FALSE(read.done.IsOpen());
   ASSERT_EQ(1, ctrl.Insert(3, Bytes(400, 'c').data(), 400));
-  ASSERT_TRUE(read.Wait());
-  EXPECT_EQ(1u, gotSeq);
-  EXPECT_EQ(400u, gotLen);
+  ASSERT_TRUE(read.done.Wait());
+  EXPECT_EQ(1u, read.seq);
+  EXPECT_EQ(400u, read.outLen);
   EXPECT_EQ(0, ctrl.IsFilling());
 
   // The client drains the rest; the last read raises the empty event and
@@ -154,21 +163,14 @@ TEST(XJitterCtrl, GetPacketWaitsForAnyPacket) {
   ScriptedEvents ev;
   XJitterCtrl ctrl;
   ASSERT_EQ(1, ctrl.Initialize(20, 100, 100, &ev));
-  Latch read;
-  unsigned gotSeq = 0, gotLen = 0;
-  ev.script = [&] {
-    char buf[100];
-    gotSeq = ctrl.GetPacket(buf, sizeof buf, &gotLen, 1, 0);
-    read.Open();
-    return 0;
-  };
+  OneRead read(ev, ctrl, 100, 0);
   ASSERT_EQ(1, ctrl.Start());
   ASSERT_EQ(1, ctrl.Resume());
   ASSERT_TRUE(Eventually([&] { return ctrl.IsFilling() == 1; }));
   ASSERT_EQ(1, ctrl.Insert(5, Bytes(30, 'x').data(), 30));
-  ASSERT_TRUE(read.Wait());
-  EXPECT_EQ(5u, gotSeq);
-  EXPECT_EQ(30u, gotLen);
+  ASSERT_TRUE(read.done.Wait());
+  EXPECT_EQ(5u, read.seq);
+  EXPECT_EQ(30u, read.outLen);
   ASSERT_TRUE(Eventually([&] { return ev.threadEnds.load() == 1; }));
   EXPECT_EQ(1, ev.empties);
   ctrl.Stop();
@@ -178,21 +180,13 @@ TEST(XJitterCtrl, LockReleasesAWaitingReaderUntilUnlock) {
   ScriptedEvents ev;
   XJitterCtrl ctrl;
   ASSERT_EQ(1, ctrl.Initialize(20, 100, 100, &ev));
-  Latch read;
-  unsigned gotSeq = 99;
-  ev.script = [&] {
-    char buf[100];
-    unsigned n = 0;
-    gotSeq = ctrl.GetPacket(buf, sizeof buf, &n, 1, 0);
-    read.Open();
-    return 0;
-  };
+  OneRead read(ev, ctrl, 100, 0);
   ASSERT_EQ(1, ctrl.Start());
   ASSERT_EQ(1, ctrl.Resume());
   ASSERT_TRUE(Eventually([&] { return ctrl.IsFilling() == 1; }));
   ctrl.Lock();
-  ASSERT_TRUE(read.Wait());
-  EXPECT_EQ(0u, gotSeq);
+  ASSERT_TRUE(read.done.Wait());
+  EXPECT_EQ(0u, read.seq);
   EXPECT_EQ(0, ev.empties);  // released, not emptied
 
   // Inserts go on while paused, reads and peeks do not.
