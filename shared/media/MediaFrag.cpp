@@ -138,7 +138,10 @@ int FragQueue::Read(char **buf, unsigned *cap, int mayAllocate) {
   if (closing_)
     return 0;
   lock_.Wait(1, "FragQueue::Read");
-  if (storage_ == nullptr || cap == nullptr) {
+  // closing is checked again under the lock: Close sets it before it takes
+  // the lock to wake a waiting reader, so a reader that gets this far without
+  // seeing it is registered as waiting in time to be woken.
+  if (closing_ || storage_ == nullptr || cap == nullptr) {
     lock_.Signal("FragQueue::Read");
     return 0;
   }

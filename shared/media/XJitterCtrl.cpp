@@ -208,7 +208,9 @@ unsigned XJitterCtrl::GetPacket(char *buf, unsigned len, unsigned *outLen, int w
   if (wait) {
     lock_.Wait(1, "XJitterCtrl::GetPacket");
     bool waitToFill = false;
-    if (!stopped_ && jb_ != nullptr) {
+    // paused is checked here too: a Lock that came after the check at the
+    // top must not leave this reader parked until the next insert.
+    if (!stopped_ && !paused_ && jb_ != nullptr) {
       unsigned const held = jb_->GetnBytesLeft();
       if (waitForLen) {
         if (len > held) {
