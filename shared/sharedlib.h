@@ -30,7 +30,9 @@
 // proxy
 
 // media
+#include "media/BinBuf.h"
 #include "media/CLBuffer.h"
+#include "media/CLSBuffer.h"
 #include "media/JitterBuffer.h"
 #include "media/MediaFrag.h"
 #include "media/MediaJitterBuf.h"
