@@ -10,6 +10,7 @@
 #include "platform/Export.h"
 #include "platform/PlatformInfo.h"
 #include "platform/Readiness.h"
+#include "platform/ThreadApi.h"
 #include "platform/Types.h"
 
 // text
@@ -18,6 +19,8 @@
 
 // thread
 #include "thread/Semaphore.h"
+#include "thread/Thread.h"
+#include "thread/ThreadRegistry.h"
 
 // socket
 #include "socket/EPollWrapper.h"
@@ -38,6 +41,10 @@
 #include "media/BinBuf.h"
 #include "media/CLBuffer.h"
 #include "media/CLSBuffer.h"
+#include "media/JitterBuffer.h"
+#include "media/MediaFrag.h"
+#include "media/MediaJitterBuf.h"
+#include "media/XJitterCtrl.h"
 
 // file
 #include "file/FilePrimitives.h"
