@@ -9,6 +9,7 @@
 #include "platform/Compat.h"
 #include "platform/Export.h"
 #include "platform/PlatformInfo.h"
+#include "platform/SockAddr.h"
 #include "platform/Types.h"
 
 // text
@@ -19,6 +20,7 @@
 #include "thread/Semaphore.h"
 
 // socket
+#include "socket/SocketPrimitives.h"
 
 // sockbuf
 
