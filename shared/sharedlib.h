@@ -20,7 +20,14 @@
 #include "thread/Semaphore.h"
 
 // socket
+#include "socket/EPollWrapper.h"
+#include "socket/FdCtrl.h"
+#include "socket/KQueueWrapper.h"
+#include "socket/PollWrapper.h"
+#include "socket/SelectWrapper.h"
+#include "socket/SockEventsWrapper.h"
 #include "socket/SocketPrimitives.h"
+#include "socket/TxtBuf_reg.h"
 
 // sockbuf
 
