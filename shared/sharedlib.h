@@ -10,6 +10,7 @@
 #include "platform/Export.h"
 #include "platform/PlatformInfo.h"
 #include "platform/SockAddr.h"
+#include "platform/ThreadApi.h"
 #include "platform/Types.h"
 
 // text
@@ -18,6 +19,8 @@
 
 // thread
 #include "thread/Semaphore.h"
+#include "thread/Thread.h"
+#include "thread/ThreadRegistry.h"
 
 // socket
 #include "socket/EPollWrapper.h"
