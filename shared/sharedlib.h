@@ -39,6 +39,7 @@
 // proxy
 
 // media
+#include "media/CLBuffer.h"
 
 // file
 
