@@ -35,10 +35,8 @@ struct SockErrors {
 int SockLastError();
 void SockSetLastError(int err);
 
-// Socket kinds and the readiness mask used by the waits (1 read, 2 write,
-// 4 error, as in the demultiplexers).
+// Socket kinds.
 enum SockKind : int { kSockStream = 1, kSockDatagram = 2 };
-enum SockReady : int { kReadyRead = 1, kReadyWrite = 2, kReadyError = 4 };
 
 // socket(AF_INET, kind, protocol). INVALID_SOCKET on failure.
 SOCKET SockOpen(int kind, int protocol);
@@ -91,21 +89,7 @@ int SockMembership(SOCKET s, bool add, std::uint32_t group, std::uint32_t ifaceA
 // Largest payload of one IPv4 datagram (65535 less the IP and UDP headers).
 constexpr unsigned kMaxUdpPayload = 65507;
 
-// Waits for readiness of one socket: want is a SockReady mask. Returns the
-// ready mask (error and hang-up are reported as kReadyError), 0 on time-out
-// and -1 on failure. timeoutMs -1 waits without limit. Works for any
-// descriptor number (no fd_set).
-int SockWaitOne(SOCKET s, int want, int timeoutMs);
-
-// One entry of a multi-socket wait.
-struct SockWaitEntry {
-  SOCKET sock;
-  int want;   // SockReady mask asked for
-  int ready;  // SockReady mask found (filled by SockWaitMany)
-};
-// Waits on n sockets at once; the number of ready entries, 0 on time-out,
-// -1 on failure.
-int SockWaitMany(SockWaitEntry *entries, unsigned n, int timeoutMs);
+// Readiness waits are in platform/Readiness.h (WaitSockets).
 
 // --- Names and addresses ---------------------------------------------------
 

@@ -2,13 +2,13 @@
 #include "platform/SocketApi.h"
 
 #include "platform/PlatformConfig.h"
+#include "platform/Readiness.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -63,26 +63,6 @@ bool OptLevelName(SockOpt opt, int *level, int *name) {
   case SockOpt::kError: *level = SOL_SOCKET; *name = SO_ERROR; return true;
   }
   return false;
-}
-
-short ToPollEvents(int want) {
-  short ev = 0;
-  if (want & kReadyRead)
-    ev |= POLLIN;
-  if (want & kReadyWrite)
-    ev |= POLLOUT;
-  return ev;
-}
-
-int FromPollEvents(short rev) {
-  int ready = 0;
-  if (rev & POLLIN)
-    ready |= kReadyRead;
-  if (rev & POLLOUT)
-    ready |= kReadyWrite;
-  if (rev & (POLLERR | POLLHUP | POLLNVAL))
-    ready |= kReadyError;
-  return ready;
 }
 
 }  // namespace
@@ -142,9 +122,9 @@ int SockConnect(SOCKET s, sockaddr_in const *addr) {
     tLastError = EINPROGRESS;
     return -1;
   }
-  int ready = SockWaitOne(s, kReadyWrite, -1);
-  if (ready < 0)
-    return -1;
+  std::uint32_t one = s;
+  if (WaitSockets(&one, 1, 2u, -1, nullptr) < 0)
+    return Fail(-1);
   int err = 0;
   if (SockGetOptInt(s, SockOpt::kError, &err) != 0)
     return -1;
@@ -305,44 +285,6 @@ int SockMembership(SOCKET s, bool add, std::uint32_t group, std::uint32_t ifaceA
   m.imr_interface.s_addr = ifaceAddr;
   int name = add ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP;
   return ::setsockopt(Fd(s), IPPROTO_IP, name, &m, sizeof(m)) == 0 ? 0 : Fail(-1);
-}
-
-int SockWaitOne(SOCKET s, int want, int timeoutMs) {
-  if (s == INVALID_SOCKET)
-    return BadHandle();
-  SockWaitEntry e{s, want, 0};
-  int r = SockWaitMany(&e, 1, timeoutMs);
-  return r > 0 ? e.ready : r;
-}
-
-int SockWaitMany(SockWaitEntry *entries, unsigned n, int timeoutMs) {
-  if (n == 0 || entries == nullptr) {
-    tLastError = EINVAL;
-    return -1;
-  }
-  // Small waits live on the stack; the send thread's 2048 entries do too
-  // (16 KiB), so a wait never allocates.
-  constexpr unsigned kMax = 2048;
-  if (n > kMax) {
-    tLastError = EINVAL;
-    return -1;
-  }
-  pollfd fds[kMax];
-  for (unsigned i = 0; i < n; ++i) {
-    fds[i].fd = entries[i].sock == INVALID_SOCKET ? -1 : Fd(entries[i].sock);
-    fds[i].events = ToPollEvents(entries[i].want);
-    fds[i].revents = 0;
-    entries[i].ready = 0;
-  }
-  int r;
-  do {
-    r = ::poll(fds, n, timeoutMs < 0 ? -1 : timeoutMs);
-  } while (r < 0 && errno == EINTR);
-  if (r < 0)
-    return Fail(-1);
-  for (unsigned i = 0; i < n; ++i)
-    entries[i].ready = FromPollEvents(fds[i].revents);
-  return r;
 }
 
 std::uint32_t SockInetAddr(char const *text) {
