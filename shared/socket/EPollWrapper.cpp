@@ -81,13 +81,20 @@ int EPollWrapper::set(unsigned int fd, void *ctx, int) {
   if (state_ == nullptr || !state_->kernel.IsOpen()) init();
   if (fd == kNoSocket || fd > kMaxFd || state_ == nullptr || !state_->kernel.IsOpen()) return 0;
   State &s = *state_;
+  unsigned const mask = static_cast<unsigned short>(InterestFlags(s.interest));
   if (State::Slot *slot = s.SlotOf(fd); slot != nullptr && slot->registered) {
+    // Set again: make sure the kernel still watches this number. If the
+    // socket was closed without clr and its number reused, the kernel has
+    // dropped the old one and the new socket must be added.
+    if (s.kernel.Modify(static_cast<int>(fd), mask, Pack(fd, slot->gen)) != 0 &&
+        s.kernel.Add(static_cast<int>(fd), mask, Pack(fd, slot->gen)) != 0) {
+      return 0;
+    }
     slot->ctx = ctx;
     ++nfds_;
     return 1;
   }
   std::uint32_t const gen = fd < s.slots.size() ? s.slots[fd].gen : 0;
-  unsigned const mask = static_cast<unsigned short>(InterestFlags(s.interest));
   // The kernel refuses what is not an open descriptor, before any storage
   // grows for it.
   if (s.kernel.Add(static_cast<int>(fd), mask, Pack(fd, gen)) != 0 &&
@@ -153,7 +160,7 @@ int EPollWrapper::EventHandler(unsigned long events, long timeoutMs, int) {
     if (s.ready.capacity() == 0) return -1;
     want = s.ready.capacity();
   }
-  int const waitMs = timeoutMs < 0 ? -1 : (timeoutMs > 0x7FFFFFFFL ? 0x7FFFFFFF : static_cast<int>(timeoutMs));
+  int const waitMs = SystemTimeout(timeoutMs);
   int const rc = s.kernel.Wait(static_cast<int>(want), waitMs);
   if (rc < 0) return -1;
   for (int i = 0; i < rc; ++i) {
@@ -180,10 +187,7 @@ unsigned int EPollWrapper::Walk(unsigned long *events, unsigned int *pos, void *
       return r.fd;
     }
   }
-  if (events != nullptr) *events = 0;
-  if (pos != nullptr) *pos = 0;
-  if (ctx != nullptr) *ctx = nullptr;
-  return kNoSocket;
+  return EndOfWalk(events, pos, ctx);
 }
 
 unsigned int EPollWrapper::firstEvent(unsigned long *events, unsigned int *pos, void **ctx) {

@@ -14,10 +14,7 @@ unsigned int KQueueWrapper::firstEvent(unsigned long *events, unsigned int *pos,
 }
 
 unsigned int KQueueWrapper::nextEvent(unsigned long *events, unsigned int *pos, void **ctx) {
-  if (events != nullptr) *events = 0;
-  if (pos != nullptr) *pos = 0;
-  if (ctx != nullptr) *ctx = nullptr;
-  return 0xFFFFFFFFu;
+  return EndOfWalk(events, pos, ctx);
 }
 
 int KQueueWrapper::init() { return 0; }

@@ -125,7 +125,7 @@ int PollWrapper::EventHandler(unsigned long events, long timeoutMs, int) {
     for (pf::PollFd &p : s.fds) p.events = interest;
     s.asked = asked;
   }
-  int const waitMs = timeoutMs < 0 ? -1 : (timeoutMs > 0x7FFFFFFFL ? 0x7FFFFFFF : static_cast<int>(timeoutMs));
+  int const waitMs = SystemTimeout(timeoutMs);
   int const rc = pf::PollFds(s.fds.data(), static_cast<std::uint32_t>(s.fds.size()), waitMs);
   s.cursor = 0;
   if (rc < 0) {
@@ -150,10 +150,7 @@ unsigned int PollWrapper::Walk(unsigned long *events, unsigned int *pos, void **
       return static_cast<unsigned int>(p.fd);
     }
   }
-  if (events != nullptr) *events = 0;
-  if (pos != nullptr) *pos = 0;
-  if (ctx != nullptr) *ctx = nullptr;
-  return kNoSocket;
+  return EndOfWalk(events, pos, ctx);
 }
 
 unsigned int PollWrapper::firstEvent(unsigned long *events, unsigned int *pos, void **ctx) {

@@ -134,9 +134,10 @@ int SelectWrapper::EventHandler(unsigned long events, long timeoutMs, int) {
   }
   // No valid time value exists for -1: the call fails as the platform's
   // select does for a bad argument. Negative seconds are just as invalid.
-  if (timeoutMs < 0) return -1;
+  if (timeoutMs == -1) return -1;
   // Whole seconds only: the remainder below one second is dropped.
   long const seconds = timeoutMs / 1000;
+  if (seconds < 0) return -1;
   int const waitMs = seconds > 0x7FFFFFFFL / 1000 ? 0x7FFFFFFF : static_cast<int>(seconds * 1000);
 
   if (scratch_ == nullptr) scratch_ = new (std::nothrow) PollScratch;

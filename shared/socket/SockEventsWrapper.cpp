@@ -8,6 +8,8 @@
 
 namespace pf = shared::platform;
 
+ISEWIterator::~ISEWIterator() = default;
+
 SockEventsWrapper::SockEventsWrapper(char const *name) { ajusta_str(name != nullptr ? name : "", name_, 63); }
 
 SockEventsWrapper::~SockEventsWrapper() = default;
@@ -31,6 +33,18 @@ short SockEventsWrapper::InterestFlags(unsigned long asked) {
   if (asked & kSewWrite) flags |= pf::kPollOut;
   if (asked & kSewError) flags |= pf::kPollPri;
   return flags;
+}
+
+int SockEventsWrapper::SystemTimeout(long timeoutMs) {
+  if (timeoutMs < 0) return -1;
+  return timeoutMs > 0x7FFFFFFFL ? 0x7FFFFFFF : static_cast<int>(timeoutMs);
+}
+
+unsigned int SockEventsWrapper::EndOfWalk(unsigned long *events, unsigned int *pos, void **ctx) {
+  if (events != nullptr) *events = 0;
+  if (pos != nullptr) *pos = 0;
+  if (ctx != nullptr) *ctx = nullptr;
+  return 0xFFFFFFFFu;
 }
 
 void SockEventsWrapper::IdleWait(long timeoutMs) {

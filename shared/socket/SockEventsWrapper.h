@@ -46,9 +46,8 @@ class SHAREDLIB_API ISEWIterator {
 public:
   virtual unsigned int firstActiveSocket(unsigned int *pos) = 0;
   virtual unsigned int nextActiveSocket(unsigned int *pos) = 0;
-
-protected:
-  ~ISEWIterator() = default;  // never deleted through this interface
+  // Declared after the two walks so they keep the first two slots.
+  virtual ~ISEWIterator();
 };
 
 class SHAREDLIB_API SockEventsWrapper {
@@ -103,6 +102,11 @@ protected:
   static unsigned long ReadyMask(unsigned pollFlags, unsigned long asked);
   // The system interest flags (kPoll*) for the kinds in asked.
   static short InterestFlags(unsigned long asked);
+  // A time-out for poll/epoll: any negative value is no limit (-1), larger
+  // values are clamped to what the system call takes.
+  static int SystemTimeout(long timeoutMs);
+  // The end of a walk: clears whichever outputs are given, returns 0xFFFFFFFF.
+  static unsigned int EndOfWalk(unsigned long *events, unsigned int *pos, void **ctx);
   // The wait of a pass with nothing to watch: sleeps timeoutMs through the
   // library clock (100 ms for -1, nothing for other negatives).
   static void IdleWait(long timeoutMs);
