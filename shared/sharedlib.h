@@ -39,7 +39,9 @@
 // proxy
 
 // media
+#include "media/BinBuf.h"
 #include "media/CLBuffer.h"
+#include "media/CLSBuffer.h"
 
 // file
 

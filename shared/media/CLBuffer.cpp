@@ -6,6 +6,8 @@
 // ---------------------------------------------------------------------------
 // CLDataBuf
 
+static_assert(CLDataBuf::kHeaderSize >= sizeof(CLDataBuf), "the payload must not overlap the slot header");
+
 unsigned CLDataBuf::Append(char const *src, unsigned len, unsigned slotSize, int partial, char const **out) {
   if (!src || len == 0 || len > slotSize || used > slotSize)
     return 0;
@@ -445,7 +447,11 @@ unsigned CLBuffer::_insert(unsigned id, char const *data, unsigned len, unsigned
   return stored;
 }
 
-int CLBuffer::erase(unsigned id) {
+int CLBuffer::erase(unsigned id) { return EraseRecord(id); }
+
+void CLBuffer::RecordErased(unsigned) {}
+
+int CLBuffer::EraseRecord(unsigned id) {
   if (!ok_ || id == 0)
     return 0;
   unsigned pos = index_.Find(id);
@@ -455,10 +461,11 @@ int CLBuffer::erase(unsigned id) {
   index_.EraseAt(pos);
   if (peekId_ == id)
     peekId_ = peekCount_ = 0;
+  RecordErased(id);
   return 1;
 }
 
-int CLBuffer::erase(CLCtrlData *rec) { return rec ? erase(rec->GetId()) : 0; }
+int CLBuffer::erase(CLCtrlData *rec) { return rec ? EraseRecord(rec->GetId()) : 0; }
 
 void CLBuffer::erase_all() {
   for (CLCtrlData &rec : index_)
@@ -520,14 +527,14 @@ int CLBuffer::set_pos(unsigned id) {
 unsigned CLBuffer::popfirst(char *buf, unsigned *len) {
   unsigned id = first(buf, len);
   if (id)
-    erase(id);
+    EraseRecord(id);
   return id;
 }
 
 unsigned CLBuffer::poplast(char *buf, unsigned *len) {
   unsigned id = last(buf, len);
   if (id)
-    erase(id);
+    EraseRecord(id);
   return id;
 }
 
@@ -539,7 +546,7 @@ int CLBuffer::ConsumeFront(unsigned pos, char *buf, unsigned *n) {
     rec.RemoveSlot(slot);
     RecycleSlot(slot);
     if (!rec.GetFirstSlot()) {
-      erase(rec.GetId());
+      EraseRecord(rec.GetId());
       return 1;
     }
   }

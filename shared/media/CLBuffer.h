@@ -153,6 +153,10 @@ public:
                   CLDataBuf *target = nullptr, int after = 0, int noSplit = 0);
 
   // Erase a record, its slots going to the free list; 1 when found.
+  // popfirst, poplast, poplastop and the consuming first never call this
+  // virtual (a derived erase may give its argument another meaning, such as
+  // a socket); every record that leaves the store is reported to
+  // RecordErased instead.
   virtual int erase(unsigned id);
   int erase(CLCtrlData *rec);
   // Erases every record (slots are recycled, blocks kept).
@@ -200,6 +204,9 @@ protected:
   CLCtrlData const *FindRecord(unsigned id) const;
   // Puts a slot that left its chain onto the free list.
   void RecycleSlot(CLDataBuf *slot);
+  // Called after record id left the store, by whatever path (erase, pops,
+  // consuming reads, poplastop); not for erase_all, reset or kill.
+  virtual void RecordErased(unsigned id);
 
 private:
   struct Block;
@@ -213,6 +220,7 @@ private:
                    int noSplit);
   unsigned ReadAt(unsigned pos, char *buf, unsigned *len);
   void RecycleChain(CLCtrlData &rec);
+  int EraseRecord(unsigned id);
   // Takes n bytes off the front of the record at pos; recycles an emptied
   // first slot and erases an emptied record. 1 when the record was erased.
   int ConsumeFront(unsigned pos, char *buf, unsigned *n);

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -141,6 +144,47 @@ TEST(CLBuffer, RecordsComeOutInUnsignedIdOrder) {
   EXPECT_EQ(0u, buf.poplast(nullptr, nullptr));
 }
 
+// Mixed inserts, erases and pops at random positions of the index, checked
+// against an ordered map after every step.
+TEST(CLBuffer, RandomTrafficMatchesAnOrderedMap) {
+  CLBuffer buf(8, 16, 0, kSlotPerInsert, 0, 0, 16);
+  std::map<unsigned, std::string> model;
+  std::mt19937 rng(12345);
+  for (int step = 0; step < 20000; ++step) {
+    unsigned id = 1 + rng() % 300;
+    switch (rng() % 4) {
+      case 0:
+      case 1:
+        if (!model.count(id)) {
+          std::string bytes = std::to_string(id);
+          ASSERT_EQ(bytes.size(), Put(buf, id, bytes));
+          model[id] = bytes;
+        }
+        break;
+      case 2:
+        ASSERT_EQ(model.erase(id), static_cast<std::size_t>(buf.erase(id)));
+        break;
+      default: {
+        char tmp[8];
+        unsigned len = sizeof tmp;
+        unsigned popped = buf.popfirst(tmp, &len);
+        ASSERT_EQ(model.empty() ? 0u : model.begin()->first, popped);
+        if (popped) {
+          ASSERT_EQ(model.begin()->second, std::string(tmp, len));
+          model.erase(model.begin());
+        }
+      }
+    }
+    ASSERT_EQ(model.size(), buf.get_nitens());
+    if (step % 97 == 0) {
+      auto it = model.begin();
+      for (unsigned got = buf.first(nullptr, nullptr); got; got = buf.next(nullptr, nullptr), ++it)
+        ASSERT_EQ(it->first, got);
+      ASSERT_TRUE(it == model.end());
+    }
+  }
+}
+
 TEST(CLBuffer, CursorIsAnchoredByIdAcrossInsertsAndErases) {
   CLBuffer buf(16, 8, 0, kSlotPerInsert, 0, 0, 0);
   for (unsigned id : {10u, 20u, 30u})
@@ -191,6 +235,40 @@ TEST(CLBuffer, PeekThenPoplastopKeepsTheUnsentTailFirst) {
   queue.poplastop(6, 2);
   EXPECT_EQ(0u, queue.get_nitens());
   EXPECT_EQ(8u, queue.GetFreeSlotCount());
+}
+
+// A derived store whose erase takes another kind of key (the send queue's
+// takes a socket): records emptied by pops and commits must still go by
+// their own id, reported through RecordErased.
+class SocketKeyed : public CLBuffer {
+public:
+  SocketKeyed() : CLBuffer(16, 8, 0, 0, kSplit, 0, 0) {}
+  int erase(unsigned sock) override {
+    ++socketErases;
+    return CLBuffer::erase(sock + 1);
+  }
+  void RecordErased(unsigned id) override { erased.push_back(id); }
+  int socketErases = 0;
+  std::vector<unsigned> erased;
+};
+
+TEST(CLBuffer, RecordsEmptiedInternallyNeverGoThroughADerivedErase) {
+  SocketKeyed queue;
+  for (unsigned key : {6u, 7u, 8u, 9u})
+    Put(queue, key, "ab");
+  char tmp[16];
+  unsigned len = sizeof tmp;
+  int done = 0;
+  queue.first(6, tmp, &len, nullptr, 0, &done);
+  queue.poplastop(6, len);
+  len = sizeof tmp;
+  queue.first(7, tmp, &len, nullptr, 1, &done);
+  EXPECT_EQ(1, done);
+  EXPECT_EQ(8u, queue.popfirst(nullptr, nullptr));
+  EXPECT_EQ(1, queue.erase(8u));  // the derived meaning: socket 8 is record 9
+  EXPECT_EQ(1, queue.socketErases);  // only the explicit call
+  EXPECT_EQ((std::vector<unsigned>{6, 7, 8, 9}), queue.erased);
+  EXPECT_EQ(0u, queue.get_nitens());
 }
 
 TEST(CLBuffer, TargetSlotsPlaceNewSlotsBeforeOrAfter) {
