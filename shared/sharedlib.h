@@ -13,6 +13,8 @@
 #include "platform/Types.h"
 
 // text
+#include "text/BaseLogger.h"
+#include "text/DebugOutput.h"
 #include "text/TextRoutines.h"
 #include "text/XStr.h"
 
