@@ -20,7 +20,10 @@
 
 // thread
 #include "thread/Semaphore.h"
+#include "thread/StmtQueue.h"
+#include "thread/SVectorT.h"
 #include "thread/Thread.h"
+#include "thread/ThreadPool.h"
 #include "thread/ThreadRegistry.h"
 
 // socket
