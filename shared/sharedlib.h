@@ -14,12 +14,17 @@
 #include "platform/Types.h"
 
 // text
+#include "text/BaseLogger.h"
+#include "text/DebugOutput.h"
 #include "text/TextRoutines.h"
 #include "text/XStr.h"
 
 // thread
 #include "thread/Semaphore.h"
+#include "thread/StmtQueue.h"
+#include "thread/SVectorT.h"
 #include "thread/Thread.h"
+#include "thread/ThreadPool.h"
 #include "thread/ThreadRegistry.h"
 
 // socket

@@ -1,14 +1,18 @@
 #include "thread/Thread.h"
 
 #include "platform/ThreadApi.h"
+#include "text/DebugOutput.h"
 #include "thread/ThreadRegistry.h"
 #include "ThreadTestUtil.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
+#include <fstream>
 #include <string>
 
 namespace {
@@ -131,7 +135,29 @@ TEST(ThreadRegistry, MainThreadIsListedFirst) {
   ASSERT_EQ(1, ThreadMgr_ListFirst(&first));
   unsigned long id = shared::platform::CurrentThreadId();
   EXPECT_EQ(EntryText(id, "Main Thread"), first);
-  ThreadMgr_DisplayThreads();  // walks without harm
+}
+
+TEST(ThreadRegistry, DisplayGoesToTheDebugChannel) {
+  char dir[] = "/tmp/sharedlib-registry-XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(dir));
+  ThreadMgr_DisplayThreads();  // channel off: nothing, no harm
+  SetDebugPath(dir);
+  SetDebugFile("threads.log");
+  SetErrorLevel(0);
+  SetDebugSink(kDebugSinkFile);
+  ThreadMgr_DisplayThreads();
+  SetDebugSink(kDebugSinkNone);
+  SetErrorLevel(-1);
+
+  std::string const path = std::string(dir) + "/threads.log";
+  std::ifstream in(path);
+  std::string line;
+  ASSERT_TRUE(std::getline(in, line));
+  unsigned long id = shared::platform::CurrentThreadId();
+  EXPECT_EQ("ThreadMgr: " + EntryText(id, "Main Thread"), line);
+  in.close();
+  std::remove(path.c_str());
+  rmdir(dir);
 }
 
 TEST(ThreadRegistry, WalkSurvivesRemovalOfTheCurrentEntry) {
