@@ -33,7 +33,9 @@
 #include "socket/KQueueWrapper.h"
 #include "socket/PollWrapper.h"
 #include "socket/SelectWrapper.h"
+#include "socket/SendQueue.h"
 #include "socket/SockEventsWrapper.h"
+#include "socket/SocketCtrl.h"
 #include "socket/SocketPrimitives.h"
 #include "socket/TxtBuf_reg.h"
 

@@ -7,6 +7,7 @@
 #include "socket/FdCtrl.h"
 #include "socket/SendQueue.h"
 #include "socket/SocketPrimitives.h"
+#include "text/DebugOutput.h"
 #include "text/TextRoutines.h"
 #include "thread/Semaphore.h"
 
@@ -300,6 +301,9 @@ int SocketCtrl::connect(char const *host, char const *proto, int port, char cons
   std::uint16_t portNet = sp::SockServicePort(service, udp ? "udp" : "tcp");
   if (portNet == 0)
     portNet = sp::SockHtons(static_cast<std::uint16_t>(port));
+  int level = GetLogLevel();
+  if (level >= 0)
+    _DebugNotifyOnly(level, name_, "Connect to %s:%d", host, static_cast<int>(sp::SockNtohs(portNet)));
 
   int made = MakeSocket(proto, &udp);
   if (made < 0)

@@ -208,8 +208,10 @@ public:
   void SetTxtMode();
   void SetBinMode();
   int IsTxtMode() const { return txtMode_.load(std::memory_order_acquire); }
-  void SetMinLogLevel(int level) { logLevel_ = level; }
-  int GetLogLevel() const { return logLevel_; }
+  // Level of the controller's debug notices ("Connect to host:port"); -1
+  // (the initial value) emits none. See text/DebugOutput.h for the gate.
+  void SetMinLogLevel(int level) { logLevel_.store(level, std::memory_order_relaxed); }
+  int GetLogLevel() const { return logLevel_.load(std::memory_order_relaxed); }
   // The controller's lock, for callers that walk GetActiveFDs.
   int Wait(char const *who = nullptr);
   int Signal(char const *who = nullptr);
@@ -403,6 +405,6 @@ private:
   std::mutex passMutex_;                    // one pass (wait + walk) at a time
   std::vector<char> rxBuf_;                 // guarded by passMutex_: one read of a pass
   std::vector<char> lineBuf_;               // guarded by passMutex_: one text line
-  int logLevel_ = -1;
+  std::atomic<int> logLevel_{-1};
   char name_[64];
 };
