@@ -1208,6 +1208,19 @@ int SocketCtrl::closesocket(unsigned int sock) {
 }
 
 void SocketCtrl::CloseAll() {
+  // Data queued for a socket that never became active (a connection in
+  // progress, for one) must not outlive the controller in the queue.
+  if (queue_) {
+    std::vector<SOCKET> withOptions;
+    {
+      SemGuard og(*optLock_);
+      for (auto const &entry : options_)
+        withOptions.push_back(entry.first);
+    }
+    for (SOCKET s : withOptions)
+      queue_->erase(s);
+  }
+  InitSockOptVector();
   std::vector<SOCKET> all;
   unsigned pos = 0;
   for (unsigned s = active_->first(&pos); s != kNone; s = active_->next(&pos))

@@ -279,4 +279,21 @@ TEST(SendQueue, ClosingASocketDropsOnlyItsOwnQueue) {
   EXPECT_EQ(db, ReadN(link.clients[1], db.size()));
 }
 
+// Data queued for a connection that never became active goes with its
+// controller: the send thread must never write through a dead controller.
+TEST(SendQueue, DestroyedControllerLeavesNothingQueued) {
+  SendQueue q(4096, 64, 64);
+  Link link(&q);
+  unsigned cs = 0;
+  {
+    SocketCtrl cli(&q, 0, 0, 1, 0, "cli");
+    ASSERT_EQ(1, cli.connect("127.0.0.1", "tcp", link.port, nullptr, &cs, nullptr, 0, 1));
+    ASSERT_EQ(1, cli.SetMaxSendQueue(8u << 20, 0, cs));
+    std::string const big = Pattern(4u << 20, 5);  // more than the kernel buffers hold
+    ASSERT_EQ(static_cast<int>(big.size()), cli.write(big.data(), static_cast<unsigned>(big.size()), cs, 1, 1, 0, 0, nullptr));
+    ASSERT_EQ(1, q.HasData(cs));
+  }
+  EXPECT_EQ(0, q.HasData(cs));
+}
+
 }  // namespace

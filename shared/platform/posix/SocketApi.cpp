@@ -62,6 +62,7 @@ bool OptLevelName(SockOpt opt, int *level, int *name) {
   case SockOpt::kType: *level = SOL_SOCKET; *name = SO_TYPE; return true;
   case SockOpt::kError: *level = SOL_SOCKET; *name = SO_ERROR; return true;
   }
+  tLastError = EINVAL;
   return false;
 }
 
@@ -234,10 +235,8 @@ int SockSetOptInt(SOCKET s, SockOpt opt, int value) {
   if (s == INVALID_SOCKET)
     return BadHandle();
   int level = 0, name = 0;
-  if (!OptLevelName(opt, &level, &name)) {
-    tLastError = EINVAL;
+  if (!OptLevelName(opt, &level, &name))
     return -1;
-  }
   return ::setsockopt(Fd(s), level, name, &value, sizeof(value)) == 0 ? 0 : Fail(-1);
 }
 
@@ -245,10 +244,8 @@ int SockGetOptInt(SOCKET s, SockOpt opt, int *value) {
   if (s == INVALID_SOCKET)
     return BadHandle();
   int level = 0, name = 0;
-  if (!OptLevelName(opt, &level, &name)) {
-    tLastError = EINVAL;
+  if (!OptLevelName(opt, &level, &name))
     return -1;
-  }
   int v = 0;
   socklen_t len = sizeof(v);
   if (::getsockopt(Fd(s), level, name, &v, &len) != 0)
