@@ -876,9 +876,9 @@ int SocketCtrl::write(char const *buf, unsigned int n, unsigned int sock, int al
       UpdateSockOptions(s, &cur);
     }
     SignalSockOpt();
-    // A datagram cannot be cut, nor can a stream that has no queue for the
-    // rest: the allowance must cover it whole.
-    if (allow < n && dgram)
+    // Only a stream whose rest can wait in the queue is cut to the
+    // allowance; anything else goes whole or not at all.
+    if (allow < n && !queued)
       allow = 0;
   }
   int err = 0;

@@ -2,6 +2,7 @@
 // demultiplexer (select, poll, epoll).
 #include "socket/SocketCtrl.h"
 
+#include "platform/Clock.h"
 #include "socket/SocketPrimitives.h"
 
 #include <gtest/gtest.h>
@@ -586,6 +587,28 @@ TEST(SocketCtrlOptions, RecordsBitRateAndWordLayout) {
   EXPECT_EQ(0, c.SetMaxSendQueue(1, 0, SocketCtrl::kNoSocket));  // no master socket
   c.InitSockOptVector();
   EXPECT_EQ(0, c.GetSockOptions(7, &o));
+}
+
+TEST(SocketCtrlOptions, RateLimitWithoutQueueSendsWholeWritesOrNothing) {
+  shared::platform::ManualClock clock(1700000000, 1000, false);
+  shared::platform::ScopedClockSource use(clock);
+  int fds[2];
+  ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+  SocketCtrl c(nullptr, 0, 0, 1, 0, "rate");
+  unsigned s = static_cast<unsigned>(fds[0]);
+  ASSERT_EQ(1, c.SetBytesCount(1, 1000, s));
+  std::string buf(1500, 'r');
+  EXPECT_EQ(0, c.write(buf.data(), 1500, s, 1, 1, 0, 0, nullptr));
+  EXPECT_EQ(800, c.write(buf.data(), 800, s, 1, 1, 0, 0, nullptr));
+  EXPECT_EQ(0, c.write(buf.data(), 300, s, 1, 1, 0, 0, nullptr));
+  EXPECT_EQ(200, c.write(buf.data(), 200, s, 1, 1, 0, 0, nullptr));
+  clock.Advance(1000);
+  EXPECT_EQ(1000, c.write(buf.data(), 1000, s, 1, 1, 0, 0, nullptr));
+  // 2000 bytes over the 1 second since the first one.
+  EXPECT_EQ(16000u, c.GetBitRate(1, s));
+  EXPECT_EQ(0u, c.GetBitRate(0, s));  // restarted
+  ::close(fds[0]);
+  ::close(fds[1]);
 }
 
 // One Linux-mode controller holds far more connections than select could
