@@ -1167,11 +1167,7 @@ int SocketCtrl::close(unsigned int sock, int defer) {
   SemGuard g(*lock_);
   if (busy_ || defer) {
     if (sock == kNone) {
-      unsigned pos = 0;
-      std::vector<SOCKET> all;
-      for (unsigned s = active_->first(&pos); s != kNone; s = active_->next(&pos))
-        all.push_back(s);
-      for (SOCKET s : all)
+      for (SOCKET s : ActiveSnapshot())
         closeSSock(s);
       return 1;
     }
@@ -1207,6 +1203,17 @@ int SocketCtrl::closesocket(unsigned int sock) {
   return _closesocket(s) == 0 ? 1 : 0;
 }
 
+// By position, not through the set's cursor: the cursor belongs to the
+// demultiplexer's walk of a pass, which this may run inside of.
+std::vector<SOCKET> SocketCtrl::ActiveSnapshot() {
+  std::vector<SOCKET> all;
+  int n = active_->count();
+  all.reserve(static_cast<size_t>(n));
+  for (int i = 1; i <= n; ++i)
+    all.push_back(active_->getfd(static_cast<unsigned>(i)));
+  return all;
+}
+
 void SocketCtrl::CloseAll() {
   // Data queued for a socket that never became active (a connection in
   // progress, for one) must not outlive the controller in the queue.
@@ -1221,10 +1228,7 @@ void SocketCtrl::CloseAll() {
       queue_->erase(s);
   }
   InitSockOptVector();
-  std::vector<SOCKET> all;
-  unsigned pos = 0;
-  for (unsigned s = active_->first(&pos); s != kNone; s = active_->next(&pos))
-    all.push_back(s);
+  std::vector<SOCKET> all = ActiveSnapshot();
   SOCKET master = GetMasterSocket();
   // A connection still in progress is held only as the master socket.
   if (master != kNone && !active_->isset(master))
@@ -1243,10 +1247,7 @@ void SocketCtrl::CloseAll() {
 
 void SocketCtrl::ResetActiveSocks() {
   SemGuard g(*lock_);
-  unsigned pos = 0;
-  std::vector<SOCKET> all;
-  for (unsigned s = active_->first(&pos); s != kNone; s = active_->next(&pos))
-    all.push_back(s);
+  std::vector<SOCKET> all = ActiveSnapshot();
   for (SOCKET s : all) {
     if (queue_)
       queue_->erase(s);

@@ -375,6 +375,7 @@ private:
   void DemuxClr(SOCKET s);
   void ApplyDemuxChanges();
   void CloseAll();
+  std::vector<SOCKET> ActiveSnapshot();  // lock_ held
   int MakeSocket(char const *proto, bool *udp);
   bool AddActiveLocked(SOCKET s, bool listening);
   int FinishConnect(SOCKET s, bool activate);

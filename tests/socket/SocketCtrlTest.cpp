@@ -323,6 +323,27 @@ TEST_P(SocketCtrlTest, CloseSSockFromCallbackClosesAnotherSocketAtPassEnd) {
   }
 }
 
+TEST_P(SocketCtrlTest, CloseAllFromCallbackEndsEverySocketAtPassEnd) {
+  auto srv = Make("srv");
+  Recorder rec;
+  int port = Listen(*srv);
+  int a = Connect(*srv, rec, port);
+  int b = Connect(*srv, rec, port);
+  rec.onData = [](SocketCtrl *c, unsigned, char *, unsigned) { return c->close(SocketCtrl::kNoSocket, 0); };
+  SendAll(a, "A");
+  SendAll(b, "B");
+  ASSERT_TRUE(AllReadable({rec.accepted[0], rec.accepted[1]}));
+  EXPECT_EQ(1, srv->accept(&rec, 1));
+  EXPECT_EQ(1u, rec.data.size());
+  EXPECT_TRUE(rec.closes.empty());
+  EXPECT_EQ(0, srv->GetNumListenSocks());
+  EXPECT_EQ(SocketCtrl::kNoSocket, srv->GetMasterSocket());
+  EXPECT_TRUE(PeerClosed(a));
+  EXPECT_TRUE(PeerClosed(b));
+  ::close(a);
+  ::close(b);
+}
+
 TEST_P(SocketCtrlTest, RefusedConnectionIsClosedSilently) {
   auto srv = Make("srv");
   Recorder rec;
