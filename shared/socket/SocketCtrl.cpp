@@ -212,13 +212,14 @@ SOCKET SocketCtrl::Resolve(unsigned int sock) const {
 
 // --- Registration ---------------------------------------------------------------
 
-void SocketCtrl::DemuxSet(SOCKET s) {
+bool SocketCtrl::DemuxSet(SOCKET s) {
   if (!demux_)
-    return;
-  if (waiting_)
+    return true;
+  if (waiting_) {
     demuxPending_.emplace_back(s, true);
-  else
-    demux_->set(s, nullptr, static_cast<int>(kSewRead));
+    return true;
+  }
+  return demux_->set(s, nullptr, static_cast<int>(kSewRead)) != 0;
 }
 
 void SocketCtrl::DemuxClr(SOCKET s) {
@@ -233,9 +234,9 @@ void SocketCtrl::DemuxClr(SOCKET s) {
 void SocketCtrl::ApplyDemuxChanges() {
   if (demux_) {
     for (auto const &[s, add] : demuxPending_) {
-      if (add)
-        demux_->set(s, nullptr, static_cast<int>(kSewRead));
-      else
+      if (add && !demux_->set(s, nullptr, static_cast<int>(kSewRead)))
+        closeSSock(s);  // the backend is full (select): the socket cannot be watched
+      else if (!add)
         demux_->clr(s);
     }
   }
@@ -248,7 +249,10 @@ bool SocketCtrl::AddActiveLocked(SOCKET s, bool listening) {
   if (!active_->isset(s)) {
     if (active_->set(s) == 0)
       return false;
-    DemuxSet(s);
+    if (!DemuxSet(s)) {
+      active_->clr(s);  // e.g. select's 2048 sockets: refuse rather than hold it unwatched
+      return false;
+    }
   }
   if (listening && !listen_->isset(s) && listen_->set(s) == 0) {
     active_->clr(s);

@@ -371,7 +371,7 @@ private:
   void CloseWithReason(SOCKET s, Callbacks const &cb, char const *reason, bool udp, sockaddr_in *from);
   bool Deliver(SOCKET s, Callbacks const &cb, char *data, unsigned len);
   // Demultiplexer registration, deferred while a pass waits (lock_ held).
-  void DemuxSet(SOCKET s);
+  bool DemuxSet(SOCKET s);  // false when the backend refused the socket
   void DemuxClr(SOCKET s);
   void ApplyDemuxChanges();
   void CloseAll();

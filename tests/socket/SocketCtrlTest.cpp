@@ -683,4 +683,42 @@ TEST(SocketCtrlScale, FourThousandConnectionsOnOneEpollController) {
     ::close(fd);
 }
 
+// A select controller cannot watch more than 2048 sockets: a connection past
+// that is refused (closed at once) instead of being held unwatched.
+TEST(SocketCtrlScale, SelectControllerRefusesConnectionsPastItsLimit) {
+  rlimit rl{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &rl));
+  rlim_t need = 2 * 2100 + 64;
+  if (rl.rlim_cur < need) {
+    rl.rlim_cur = std::min(need, rl.rlim_max);
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &rl));
+  }
+  if (rl.rlim_cur < need)
+    GTEST_SKIP() << "descriptor limit too low: " << rl.rlim_cur;
+  SocketCtrl srv(nullptr, 1, 65535, 0, 0, "select");
+  ASSERT_EQ(1u, srv.GetEventsMode());
+  Recorder rec;
+  unsigned ls = 0;
+  int port = 0;
+  ASSERT_EQ(1, srv.listen("tcp", 1024, 0, "127.0.0.1", nullptr, &ls, 0, &port));
+  std::vector<int> clients;
+  auto end = Clock::now() + std::chrono::seconds(60);
+  // The listening socket takes one of the 2048 places.
+  while (clients.size() < 2047 && Clock::now() < end) {
+    for (int i = 0; i < 500 && clients.size() < 2047; ++i)
+      clients.push_back(Dial(port));
+    while (rec.accepted.size() < clients.size() && Clock::now() < end)
+      srv.accept(&rec, 1);
+  }
+  ASSERT_EQ(2047u, rec.accepted.size());
+  int extra = Dial(port);
+  ASSERT_GE(extra, 0);
+  srv.accept(&rec, 1);
+  EXPECT_TRUE(PeerClosed(extra));
+  EXPECT_EQ(2047u, rec.accepted.size());
+  ::close(extra);
+  for (int fd : clients)
+    ::close(fd);
+}
+
 }  // namespace
