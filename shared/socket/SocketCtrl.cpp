@@ -44,6 +44,29 @@ int WaitOne(SOCKET s, unsigned kinds, long ms) {
 
 }  // namespace
 
+// Holds the pass mutex for one pass. A pass started from a callback of a
+// pass of the same controller (same thread) is refused instead of
+// deadlocking or corrupting the outer walk.
+class SocketCtrl::PassGuard {
+public:
+  explicit PassGuard(SocketCtrl &c) : c_(c) {
+    c_.passMutex_.lock();
+    nested_ = c_.passDepth_ > 0;
+    ++c_.passDepth_;
+  }
+  ~PassGuard() {
+    --c_.passDepth_;
+    c_.passMutex_.unlock();
+  }
+  bool Nested() const { return nested_; }
+  PassGuard(PassGuard const &) = delete;
+  PassGuard &operator=(PassGuard const &) = delete;
+
+private:
+  SocketCtrl &c_;
+  bool nested_ = false;
+};
+
 // --- SockOptions -------------------------------------------------------------
 
 void SockOptions::Count(unsigned n, std::int64_t now) {
@@ -170,9 +193,9 @@ unsigned long SocketCtrl::GetEventsMode() {
 }
 
 int SocketCtrl::SetEventsModes(unsigned char modes) {
-  std::lock_guard<std::mutex> pass(passMutex_);
+  PassGuard pass(*this);
   SemGuard g(*lock_);
-  if (active_->count() != 0)
+  if (pass.Nested() || active_->count() != 0)
     return 0;
   SockEventsWrapper *w = InitSockEventsWrapper(modes, this, name_);
   if (!w)
@@ -507,7 +530,9 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
   if (!isSockOk())
     return 0;
   long ms = seconds < 0 ? -1 : seconds * 1000;
-  std::lock_guard<std::mutex> pass(passMutex_);
+  PassGuard pass(*this);
+  if (pass.Nested())
+    return -1;
   bool canWait = false;
   {
     SemGuard g(*lock_);
@@ -705,7 +730,9 @@ int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, lon
   if (!buf || size == 0 || !isSockOk())
     return -1;
   long ms = timeout < 0 ? -1 : timeout * 1000;
-  std::lock_guard<std::mutex> pass(passMutex_);
+  PassGuard pass(*this);
+  if (pass.Nested())
+    return -1;
   SOCKET ready = kNone;
   bool listening = false;
   {

@@ -34,6 +34,8 @@
 //   - One dispatch pass at a time (accept, acceptUDP and readall serialise
 //     on their own mutex). The wait runs without lock_; from after the wait
 //     to the end of the pass lock_ is held, so callbacks run with it held.
+//     A pass started from a callback of a pass of the same controller is
+//     refused (-1).
 //   - Callbacks may call closeSSock, close, write, writeLine and the option
 //     calls. They must not wait for another thread that needs this
 //     controller's lock_.
@@ -403,7 +405,9 @@ private:
   _SEMAPHORE *lock_ = nullptr;
   _SEMAPHORE *optLock_ = nullptr;
   std::mutex markLock_;
-  std::mutex passMutex_;                    // one pass (wait + walk) at a time
+  class PassGuard;
+  std::recursive_mutex passMutex_;          // one pass (wait + walk) at a time
+  int passDepth_ = 0;                       // guarded by passMutex_: passes of the holding thread
   std::vector<char> rxBuf_;                 // guarded by passMutex_: one read of a pass
   std::vector<char> lineBuf_;               // guarded by passMutex_: one text line
   std::atomic<int> logLevel_{-1};

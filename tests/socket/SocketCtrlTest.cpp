@@ -174,8 +174,17 @@ TEST_P(SocketCtrlTest, ConnectAcceptExchangeAndMasterRules) {
   EXPECT_EQ(1, srv->IsConnected(ss));
   EXPECT_EQ(0, srv->IsListenSock(ss));
 
+  // A pass started from a callback of a pass is refused, not deadlocked.
+  int nested = 0;
+  rec.onData = [&](SocketCtrl *c, unsigned, char *, unsigned) {
+    char tmp[8];
+    unsigned from = 0;
+    nested = c->accept(&rec, 0) == -1 && c->readall(tmp, 8, 0, 0, 0, &from, nullptr) == -1 ? 1 : -1;
+    return 1;
+  };
   EXPECT_EQ(5, cli->write("hello", 5, SocketCtrl::kNoSocket, 1, 1, -1, 0, nullptr));
   ASSERT_TRUE(PumpUntil(*srv, &rec, [&] { return !rec.data.empty(); }));
+  EXPECT_EQ(1, nested);
   EXPECT_EQ(ss, rec.data[0].first);
   EXPECT_EQ("hello", rec.data[0].second);
   EXPECT_EQ(3, srv->write("abc", 3, ss, 1, 1, -1, 0, nullptr));
