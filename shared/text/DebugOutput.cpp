@@ -18,9 +18,9 @@ constexpr unsigned kConsoleLine = 513;
 
 std::atomic<int> g_errorLevel{-1};
 std::atomic<int> g_sink{kDebugSinkNone};
-char g_debugFile[kMaxPath + 1];
-char g_debugPath[kMaxPath + 1];
-std::mutex g_sinkMutex;  // one notice line at a time into the sink
+std::mutex g_sinkMutex;          // one notice line at a time into the sink
+char g_debugFile[kMaxPath + 1];  // written under g_sinkMutex
+char g_debugPath[kMaxPath + 1];  // written under g_sinkMutex
 
 // "Sun Nov  2 19:01:11 2026": the C library's ctime form, without its newline
 // and without depending on the program's locale.
@@ -38,6 +38,7 @@ bool ClassicTime(__int64 t, char *out, std::size_t size) {
 }
 
 void StoreName(char *dst, char const *src) {
+  std::lock_guard<std::mutex> lock(g_sinkMutex);
   if (comp_branco(src) || std::strlen(src) > kMaxPath)
     dst[0] = '\0';
   else
@@ -51,6 +52,7 @@ void WriteNotice(char const *line) {
     std::fprintf(stderr, "%s\n", line);
     std::fflush(stderr);
   } else if (sink == kDebugSinkFile) {
+    std::lock_guard<std::mutex> lock(g_sinkMutex);
     if (g_debugFile[0] == '\0')
       return;
     char path[2 * kMaxPath + 2] = {};
@@ -59,7 +61,6 @@ void WriteNotice(char const *line) {
       _snprintf(path, sizeof path, "%s%s", g_debugPath, g_debugFile);
     else
       _snprintf(path, sizeof path, "%s/%s", g_debugPath, g_debugFile);
-    std::lock_guard<std::mutex> lock(g_sinkMutex);
     // Opened and closed per notice, as the logger does with its lines.
     if (std::FILE *f = std::fopen(path, "a+")) {
       std::fprintf(f, "%s\n", line);
@@ -78,7 +79,7 @@ char *GetFormatDate(__int64 t, char *out, unsigned size, char const *fmt) {
     std::tm tm{};
     if (!shared::platform::LocalTime(t, &tm))
       return out;
-    // The format is the caller's by design; strftime bounds the output.
+    // The format is the caller's; strftime bounds the output.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
     std::size_t const written = std::strftime(out, size, fmt, &tm);

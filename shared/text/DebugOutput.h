@@ -8,9 +8,10 @@
 // The debug channel: _DebugNotifyOnly formats a notice when its level is at
 // most the process-wide error level (initially -1: every notice is skipped)
 // and hands it to the sink chosen with SetDebugSink (initially none: the
-// notice is dropped). Settings are process-wide; change them while setting up
-// a program, not while its threads emit notices. Notices themselves may come
-// from any thread; each reaches the sink as one whole line.
+// notice is dropped). Settings are process-wide and may change while threads
+// emit notices; each notice reaches the sink as one whole line. The texts
+// returned by GetDebugFile/GetDebugPath are rewritten in place by a later
+// SetDebugFile/SetDebugPath: read them while setting up.
 #pragma once
 
 #include "platform/Export.h"

@@ -16,7 +16,7 @@ namespace {
 
 using testutil::Eventually;
 using testutil::Latch;
-using testutil::RegistryTexts;
+using testutil::Listed;
 
 std::atomic<int> g_itemsAlive{0};
 
@@ -33,12 +33,11 @@ public:
   ~Recorder() override { Abort(); }
 
   void ExecStmt(XObj *item) override {
-    int const inFlight = ++inFlight_;
-    EXPECT_EQ(1, inFlight);  // never two at once
+    EXPECT_EQ(1, ++inFlight_);  // never two at once
     char desc[128];
     std::string text = item->GetDesc(desc, sizeof desc);
-    if (onExec)
-      onExec(this, text);
+    if (text == "stop")
+      Abort();  // from inside ExecStmt
     {
       std::lock_guard<std::mutex> lock(mutex_);
       done_.push_back(text);
@@ -57,7 +56,6 @@ public:
   }
 
   Latch firstStarted;
-  void (*onExec)(Recorder *, std::string const &) = nullptr;
 
 private:
   Latch *holdFirst_;
@@ -98,7 +96,8 @@ TEST(StmtQueue, ProducersItemsRunOnceInOrderOneAtATime) {
 
 TEST(StmtQueue, AbortDrainsQueuedItemsThenRefusesUntilStart) {
   Latch hold;
-  Recorder q("drain", &hold);
+  Recorder q("db", &hold);
+  EXPECT_TRUE(Listed(") StmtQueue: Exec Stmt Thread (db)"));
   ASSERT_EQ(1, q.Add(new Item("A")));
   ASSERT_TRUE(q.firstStarted.Wait());  // A is executing and held
   ASSERT_EQ(1, q.Add(new Item("B")));
@@ -114,6 +113,7 @@ TEST(StmtQueue, AbortDrainsQueuedItemsThenRefusesUntilStart) {
   aborter.join();
   EXPECT_EQ((std::vector<std::string>{"A", "B", "C"}), q.Done());
   EXPECT_EQ(nullptr, q.GetThreadId());
+  EXPECT_FALSE(Listed(") StmtQueue: Exec Stmt Thread (db)"));
 
   ASSERT_EQ(1, q.Start());
   EXPECT_EQ(1, q.IsStarted());
@@ -124,29 +124,9 @@ TEST(StmtQueue, AbortDrainsQueuedItemsThenRefusesUntilStart) {
   q.Abort();  // twice: nothing more
 }
 
-TEST(StmtQueue, ThreadIsNamedAfterTheQueue) {
-  auto listed = [](std::string const &suffix) {
-    int n = 0;
-    for (auto const &t : RegistryTexts())
-      n += t.size() > suffix.size() && t.compare(t.size() - suffix.size(), suffix.size(), suffix) == 0;
-    return n;
-  };
-  {
-    Recorder named("db");
-    Recorder unnamed("  ");
-    EXPECT_EQ(1, listed(") StmtQueue: Exec Stmt Thread (db)"));
-    EXPECT_LE(1, listed(") StmtQueue: Exec Stmt Thread"));
-    named.Abort();
-    EXPECT_EQ(0, listed(") StmtQueue: Exec Stmt Thread (db)"));
-  }
-}
-
 TEST(StmtQueue, AbortFromInsideExecStmtStopsWithoutWaitingOnItself) {
-  Recorder q("self abort");
-  q.onExec = [](Recorder *self, std::string const &text) {
-    if (text == "stop")
-      self->Abort();
-  };
+  Recorder q("  ");
+  EXPECT_TRUE(Listed(") StmtQueue: Exec Stmt Thread"));  // no name: no parentheses
   ASSERT_EQ(1, q.Add(new Item("stop")));
   ASSERT_TRUE(Eventually([&] { return q.Done().size() == 1; }));
   Item refused("refused");
@@ -162,13 +142,7 @@ TEST(XStrStmtQueueObj, DescriptionFitsTheBuffer) {
   XStrStmtQueueObj obj("select 1   ");
   char buf[8];
   EXPECT_STREQ("select", obj.GetDesc(buf, 7));  // 6 characters and a NUL, trailing blank trimmed
-  EXPECT_STREQ("select", obj.GetDesc(buf, sizeof buf));
-  EXPECT_STREQ("", obj.GetDesc(buf, 1));
-  EXPECT_EQ(nullptr, obj.GetDesc(nullptr, 8));
-  EXPECT_STREQ("select 1   ", obj.GetObj()->GetStr());
-  XStrStmtQueueObj none(nullptr);
-  EXPECT_STREQ("", none.GetDesc(buf, sizeof buf));
-  EXPECT_EQ(0u, none.GetId());
+  EXPECT_STREQ("", XStrStmtQueueObj(nullptr).GetDesc(buf, sizeof buf));
 }
 
 }  // namespace

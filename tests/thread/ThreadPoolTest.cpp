@@ -10,120 +10,100 @@
 
 namespace {
 
-using testutil::CountRegistry;
 using testutil::Eventually;
 using testutil::Latch;
-using testutil::RegistryTexts;
+using testutil::Listed;
 
-// Shared tallies that outlive the jobs (the pool deletes them).
+// Tallies that outlive the jobs (the pool deletes them).
 struct Tally {
   std::atomic<int> started{0};
-  std::atomic<int> ended{0};
   std::atomic<int> sawExit{0};
   std::atomic<int> deleted{0};
 };
 
-// Runs until released or asked to stop.
+// Runs until released (a null latch: returns at once) or asked to stop.
 class Job : public IThreadObj {
 public:
-  Job(Tally &t, char const *name, Latch *release = nullptr) : IThreadObj(name), tally_(t), release_(release) {}
+  Job(Tally &t, char const *name, Latch *release) : IThreadObj(name), tally_(t), release_(release) {}
   ~Job() override { ++tally_.deleted; }
   int ThreadFunc() override {
     ++tally_.started;
     entered.Open();
-    while (!DoExit() && !(release_ && release_->IsOpen()))
+    while (release_ && !DoExit() && !release_->IsOpen())
       XSleep(1);
     if (DoExit())
       ++tally_.sawExit;
-    ++tally_.ended;
+    if (stopSelf)
+      GetThreadPool()->StopThread(this);  // only asks
     return 0;
   }
   Latch entered;
+  bool stopSelf = false;
 
 private:
   Tally &tally_;
   Latch *release_;
 };
 
-// Returns at once.
-class QuickJob : public IThreadObj {
-public:
-  explicit QuickJob(Tally &t) : IThreadObj("quick job"), tally_(t) {}
-  ~QuickJob() override { ++tally_.deleted; }
-  int ThreadFunc() override {
-    ++tally_.started;
-    return 0;
-  }
-
-private:
-  Tally &tally_;
-};
-
 TEST(ThreadPool, MaximumRefusesUntilAJobIsReaped) {
   Tally tally;
-  Latch release;
+  Latch release, never;
   ThreadPool pool(2);
   ASSERT_TRUE(pool.IsOk());
-  EXPECT_EQ(2u, pool.GetNMaxThreads());
+  EXPECT_TRUE(Listed(") ThreadPool::KillThreads"));
   auto *a = new Job(tally, "job a", &release);
-  auto *b = new Job(tally, "job b");
   ASSERT_NE(0, pool.StartThread(a));
-  ASSERT_NE(0, pool.StartThread(b));
-  Job c(tally, "job c");
+  ASSERT_NE(0, pool.StartThread(new Job(tally, "  job b  ", &never)));
+  EXPECT_TRUE(Listed(")   job b"));  // the job's name names its thread
+  EXPECT_EQ(&pool, a->GetThreadPool());
+  Job c(tally, "job c", nullptr);
   EXPECT_EQ(0, pool.StartThread(&c));  // refused: the caller keeps it
   EXPECT_EQ(0, pool.StartThread(nullptr));
 
   release.Open();  // a ends; the reaper joins and deletes it
   ASSERT_TRUE(Eventually([&] { return tally.deleted.load() == 1; }));
   EXPECT_EQ(1u, pool.get_nitens());
-  auto *d = new Job(tally, "job d");
-  EXPECT_NE(0, pool.StartThread(d));
-  EXPECT_EQ(2u, pool.get_nitens());
-}
-
-TEST(ThreadPool, QuickJobsAreReapedByTheReaper) {
-  Tally tally;
-  ThreadPool pool;
-  EXPECT_EQ(ThreadPool::kUnlimited, pool.GetNMaxThreads());
-  for (int i = 0; i < 20; ++i)
-    ASSERT_NE(0, pool.StartThread(new QuickJob(tally)));
-  ASSERT_TRUE(Eventually([&] { return tally.deleted.load() == 20; }));
-  EXPECT_EQ(20, tally.started.load());
-  EXPECT_EQ(0u, pool.get_nitens());
+  // Accepted again; returning at once, it is reaped too.
+  EXPECT_NE(0, pool.StartThread(new Job(tally, "job d", nullptr)));
+  ASSERT_TRUE(Eventually([&] { return tally.deleted.load() == 2; }));
   EXPECT_EQ(nullptr, pool.GetFirstEndingThread());
 }
 
 TEST(ThreadPool, DestructionStopsAndJoinsRunningJobs) {
   Tally tally;
+  Latch never;
   {
     ThreadPool pool;
     for (int i = 0; i < 4; ++i) {
-      auto *job = new Job(tally, "running job");
+      auto *job = new Job(tally, "running job", &never);
       ASSERT_NE(0, pool.StartThread(job));
       ASSERT_TRUE(job->entered.Wait());
     }
   }
   EXPECT_EQ(4, tally.sawExit.load());
-  EXPECT_EQ(4, tally.ended.load());
   EXPECT_EQ(4, tally.deleted.load());
 }
 
-TEST(ThreadPool, StopThreadOfRunningAndUnknownJobs) {
+TEST(ThreadPool, StopThreadOfRunningUnknownAndSelfStoppingJobs) {
   Tally tally;
+  Latch never;
   ThreadPool pool;
-  auto *job = new Job(tally, "stopped job");
+  auto *job = new Job(tally, "stopped job", &never);
   ASSERT_NE(0, pool.StartThread(job));
   ASSERT_TRUE(job->entered.Wait());
 
-  Job stranger(tally, "not in the pool");
-  pool.StopThread(&stranger);  // nothing: not in the table
-  pool.StopThread(nullptr);
+  Job stranger(tally, "not in the pool", nullptr);
+  pool.StopThread(&stranger);  // not in the table: nothing
   EXPECT_EQ(0, stranger.DoExit());
 
   pool.StopThread(job);  // asks, waits for the body, deletes
   EXPECT_EQ(1, tally.sawExit.load());
   EXPECT_EQ(1, tally.deleted.load());
-  EXPECT_EQ(0u, pool.get_nitens());
+
+  auto *self = new Job(tally, "self stopper", nullptr);
+  self->stopSelf = true;  // StopThread from its own body must not join itself
+  ASSERT_NE(0, pool.StartThread(self));
+  ASSERT_TRUE(Eventually([&] { return tally.deleted.load() == 2; }));
 }
 
 // A job whose body has just returned reports its end under the pool lock;
@@ -133,54 +113,13 @@ TEST(ThreadPool, StopWhileJobsReportTheirEnd) {
   {
     ThreadPool pool;
     for (int i = 0; i < 40; ++i) {
-      auto *job = new QuickJob(tally);
+      auto *job = new Job(tally, "quick job", nullptr);
       ASSERT_NE(0, pool.StartThread(job));
       pool.StopThread(job);  // races the body's end and the reaper
     }
     EXPECT_EQ(40, tally.deleted.load());
   }
   EXPECT_EQ(40, tally.deleted.load());
-}
-
-class SelfStopper : public IThreadObj {
-public:
-  explicit SelfStopper(Tally &t) : IThreadObj("self stopper"), tally_(t) {}
-  ~SelfStopper() override { ++tally_.deleted; }
-  int ThreadFunc() override {
-    GetThreadPool()->StopThread(this);  // only asks
-    if (DoExit())
-      ++tally_.sawExit;
-    return 0;
-  }
-
-private:
-  Tally &tally_;
-};
-
-TEST(ThreadPool, JobMayStopItself) {
-  Tally tally;
-  ThreadPool pool;
-  ASSERT_NE(0, pool.StartThread(new SelfStopper(tally)));
-  ASSERT_TRUE(Eventually([&] { return tally.deleted.load() == 1; }));
-  EXPECT_EQ(1, tally.sawExit.load());
-}
-
-TEST(ThreadPool, ThreadsAreNamedInTheRegistry) {
-  Tally tally;
-  ThreadPool pool;
-  auto has = [](std::string const &suffix) {
-    for (auto const &t : RegistryTexts())
-      if (t.size() >= suffix.size() && t.compare(t.size() - suffix.size(), suffix.size(), suffix) == 0)
-        return true;
-    return false;
-  };
-  EXPECT_TRUE(has(") ThreadPool::KillThreads"));
-  auto *job = new Job(tally, "  named job  ");
-  ASSERT_NE(0, pool.StartThread(job));
-  EXPECT_STREQ("  named job", job->GetName());
-  EXPECT_TRUE(has(")   named job"));
-  EXPECT_EQ(&pool, job->GetThreadPool());
-  EXPECT_NE(nullptr, job->GetIThread());
 }
 
 }  // namespace
