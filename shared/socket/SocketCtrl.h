@@ -214,7 +214,9 @@ public:
   // (the initial value) emits none. See text/DebugOutput.h for the gate.
   void SetMinLogLevel(int level) { logLevel_.store(level, std::memory_order_relaxed); }
   int GetLogLevel() const { return logLevel_.load(std::memory_order_relaxed); }
-  // The controller's lock, for callers that walk GetActiveFDs.
+  // The controller's lock, for callers that walk GetActiveFDs. Do not start
+  // a pass (accept, acceptUDP, readall) while holding it: a pass takes its
+  // pass mutex before this lock.
   int Wait(char const *who = nullptr);
   int Signal(char const *who = nullptr);
 
