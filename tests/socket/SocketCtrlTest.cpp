@@ -438,6 +438,39 @@ TEST_P(SocketCtrlTest, DatagramsThroughAcceptUDP) {
   EXPECT_EQ(0, any.connect("", "TCP", port, nullptr, &as, nullptr, 1, 1));
 }
 
+TEST_P(SocketCtrlTest, MulticastGroupLoopsBackThroughAcceptUDP) {
+  // A free UDP port: bind port 0, read it back, release it.
+  int probe = ::socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, ::bind(probe, reinterpret_cast<sockaddr *>(&a), sizeof(a)));
+  unsigned port = 0;
+  ASSERT_EQ(1, GetSockName(static_cast<SOCKET>(probe), nullptr, 0, &port));
+  ::close(probe);
+
+  auto c = Make("mcast");
+  unsigned ms = 0;
+  if (!c->connectMCast("239.255.7.7", static_cast<int>(port), "127.0.0.1", 1, &ms, 1))
+    GTEST_SKIP() << "the kernel refused the group join";
+  EXPECT_EQ(ms, c->GetMasterSocket());
+  EXPECT_EQ(1, c->IsUDP());
+  sockaddr_in def{};
+  c->GetDefSin(&def);
+  EXPECT_EQ(IPStrToLong("239.255.7.7"), def.sin_addr.s_addr);
+  // Sent to the default address (the group) and looped back to the member.
+  EXPECT_EQ(5, c->write("group", 5, ms, 1, 1, -1, 0, nullptr));
+  Recorder rec;
+  auto end = Clock::now() + kDeadline;
+  while (rec.datagrams.empty() && Clock::now() < end)
+    c->acceptUDP(&rec, 1);
+  ASSERT_EQ(1u, rec.datagrams.size());
+  EXPECT_EQ("group", rec.datagrams[0].second);
+  unsigned bad = 0;
+  EXPECT_EQ(0, c->connectMCast("not-a-group", static_cast<int>(port), nullptr, 1, &bad, 0));
+  EXPECT_EQ(SocketCtrl::kNoSocket, bad);
+}
+
 TEST_P(SocketCtrlTest, WriteLineCutsLongTextAndAddsTheLineEnd) {
   auto srv = Make("srv");
   Recorder rec;
