@@ -146,6 +146,33 @@ protected:
     return fd;
   }
 
+  // A listening controller with n accepted plain clients.
+  struct Served {
+    std::unique_ptr<SocketCtrl> srv;
+    Recorder rec;
+    int port = 0;
+    std::vector<int> fds;  // client sides, in accept order; closed at the end
+    ~Served() {
+      for (int fd : fds)
+        if (fd >= 0)
+          ::close(fd);
+    }
+    unsigned S(size_t i) const { return rec.accepted[i]; }
+    void Drop(size_t i) {
+      ::close(fds[i]);
+      fds[i] = -1;
+    }
+  };
+  std::unique_ptr<Served> Serve(int n, int connectAnswer = 1) {
+    auto sv = std::make_unique<Served>();
+    sv->srv = Make("srv");
+    sv->rec.connectAnswer = connectAnswer;
+    sv->port = Listen(*sv->srv);
+    for (int i = 0; i < n; ++i)
+      sv->fds.push_back(Connect(*sv->srv, sv->rec, sv->port));
+    return sv;
+  }
+
   int Listen(SocketCtrl &srv) {
     unsigned ls = SocketCtrl::kNoSocket;
     int port = 0;
@@ -208,104 +235,90 @@ TEST_P(SocketCtrlTest, ConnectAcceptExchangeAndMasterRules) {
 }
 
 TEST_P(SocketCtrlTest, TextModeJoinsLinesSplitAcrossReads) {
-  auto srv = Make("srv");
-  srv->SetTxtMode();
-  Recorder rec;
-  int fd = Connect(*srv, rec, Listen(*srv));
+  auto sv = Serve(1);
+  sv->srv->SetTxtMode();
+  Recorder &rec = sv->rec;
   // Each piece is its own read on the server: the line ends straddle them.
   for (std::string piece : {"ab\r", "\ncd\n", "ef\r", "gh\r\n", "tail"}) {
-    SendAll(fd, piece);
+    SendAll(sv->fds[0], piece);
     size_t before = rec.data.size();
     // A pass per piece; pieces that complete no line deliver nothing.
-    ASSERT_TRUE(PumpUntil(*srv, &rec, [&] {
-      pollfd p{static_cast<int>(rec.accepted[0]), POLLIN, 0};
+    ASSERT_TRUE(PumpUntil(*sv->srv, &rec, [&] {
+      pollfd p{static_cast<int>(sv->S(0)), POLLIN, 0};
       return ::poll(&p, 1, 0) == 0 || rec.data.size() > before;
     }));
   }
-  ASSERT_TRUE(PumpUntil(*srv, &rec, [&] { return rec.data.size() >= 4; }));
+  ASSERT_TRUE(PumpUntil(*sv->srv, &rec, [&] { return rec.data.size() >= 4; }));
   ASSERT_EQ(4u, rec.data.size());
   char const *want[] = {"ab", "cd", "ef", "gh"};
   for (int i = 0; i < 4; ++i) {
     // The line comes NUL-ended with its length + 1.
     EXPECT_EQ(std::string(want[i], 2) + '\0', rec.data[static_cast<size_t>(i)].second);
   }
-  ::close(fd);
 }
 
 TEST_P(SocketCtrlTest, DataCallbackReturningZeroClosesOnlyItsSocket) {
-  auto srv = Make("srv");
-  Recorder rec;
-  int port = Listen(*srv);
-  int a = Connect(*srv, rec, port);
-  int b = Connect(*srv, rec, port);
-  unsigned sa = rec.accepted[0];
-  unsigned sb = rec.accepted[1];
+  auto sv = Serve(2);
+  Recorder &rec = sv->rec;
+  unsigned sa = sv->S(0), sb = sv->S(1);
   rec.onData = [&](SocketCtrl *, unsigned s, char *, unsigned) { return s == sa ? 0 : 1; };
-  SendAll(a, "bye");
-  ASSERT_TRUE(PumpUntil(*srv, &rec, [&] { return !rec.closes.empty(); }));
+  SendAll(sv->fds[0], "bye");
+  ASSERT_TRUE(PumpUntil(*sv->srv, &rec, [&] { return !rec.closes.empty(); }));
   ASSERT_EQ(1u, rec.closes.size());
   EXPECT_EQ(sa, rec.closes[0].first);
   EXPECT_STREQ(SocketCtrl::kReasonCallback, rec.closes[0].second.c_str());
-  EXPECT_EQ(0, srv->IsConnected(sa));
-  EXPECT_TRUE(PeerClosed(a));
+  EXPECT_EQ(0, sv->srv->IsConnected(sa));
+  EXPECT_TRUE(PeerClosed(sv->fds[0]));
   // The other connection is untouched.
-  SendAll(b, "still");
-  ASSERT_TRUE(PumpUntil(*srv, &rec, [&] { return rec.data.back().first == sb; }));
-  EXPECT_EQ(1, srv->IsConnected(sb));
+  SendAll(sv->fds[1], "still");
+  ASSERT_TRUE(PumpUntil(*sv->srv, &rec, [&] { return rec.data.back().first == sb; }));
+  EXPECT_EQ(1, sv->srv->IsConnected(sb));
   EXPECT_EQ(1u, rec.closes.size());
-  ::close(a);
-  ::close(b);
 }
 
 TEST_P(SocketCtrlTest, PeerCloseIsReportedOnceWithItsReason) {
-  auto srv = Make("srv");
-  Recorder rec;
-  int fd = Connect(*srv, rec, Listen(*srv));
-  unsigned ss = rec.accepted[0];
-  ::close(fd);
-  ASSERT_TRUE(PumpUntil(*srv, &rec, [&] { return !rec.closes.empty(); }));
-  srv->accept(&rec, 0);
+  auto sv = Serve(1);
+  Recorder &rec = sv->rec;
+  sv->Drop(0);
+  ASSERT_TRUE(PumpUntil(*sv->srv, &rec, [&] { return !rec.closes.empty(); }));
+  sv->srv->accept(&rec, 0);
   ASSERT_EQ(1u, rec.closes.size());
-  EXPECT_EQ(ss, rec.closes[0].first);
+  EXPECT_EQ(sv->S(0), rec.closes[0].first);
   EXPECT_STREQ(SocketCtrl::kReasonPeerClosed, rec.closes[0].second.c_str());
-  EXPECT_EQ(0, srv->IsConnected(ss));
+  EXPECT_EQ(0, sv->srv->IsConnected(sv->S(0)));
   EXPECT_TRUE(rec.data.empty());
 }
 
 TEST_P(SocketCtrlTest, WriteErrorClosesAtTheNextPassWithItsReason) {
-  auto srv = Make("srv");
-  Recorder rec;
-  int fd = Connect(*srv, rec, Listen(*srv));
-  unsigned ss = rec.accepted[0];
-  // The peer resets the connection; the next send fails at once.
+  auto sv = Serve(1);
+  SocketCtrl &srv = *sv->srv;
+  unsigned ss = sv->S(0);
+  // The peer resets the connection; the next send fails at once (and must
+  // not raise SIGPIPE).
   linger l{1, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof(l));
-  ::close(fd);
+  ::setsockopt(sv->fds[0], SOL_SOCKET, SO_LINGER, &l, sizeof(l));
+  sv->Drop(0);
   auto end = Clock::now() + kDeadline;
-  while (srv->CanSendData(ss) && Clock::now() < end)
-    srv->write("x", 1, ss, 1, 1, -1, 0, nullptr);
-  ASSERT_EQ(0, srv->CanSendData(ss));
-  EXPECT_EQ(-1, srv->write("x", 1, ss, 1, 1, -1, 0, nullptr));
-  EXPECT_EQ(1, srv->accept(&rec, 0));
-  ASSERT_EQ(1u, rec.closes.size());
-  EXPECT_EQ(ss, rec.closes[0].first);
-  EXPECT_STREQ(SocketCtrl::kReasonWriteError, rec.closes[0].second.c_str());
-  EXPECT_EQ(0, srv->IsConnected(ss));
-  srv->accept(&rec, 0);
-  EXPECT_EQ(1u, rec.closes.size());
+  while (srv.CanSendData(ss) && Clock::now() < end)
+    srv.write("x", 1, ss, 1, 1, -1, 0, nullptr);
+  ASSERT_EQ(0, srv.CanSendData(ss));
+  EXPECT_EQ(-1, srv.write("x", 1, ss, 1, 1, -1, 0, nullptr));
+  EXPECT_EQ(1, srv.accept(&sv->rec, 0));
+  ASSERT_EQ(1u, sv->rec.closes.size());
+  EXPECT_EQ(ss, sv->rec.closes[0].first);
+  EXPECT_STREQ(SocketCtrl::kReasonWriteError, sv->rec.closes[0].second.c_str());
+  EXPECT_EQ(0, srv.IsConnected(ss));
+  srv.accept(&sv->rec, 0);
+  EXPECT_EQ(1u, sv->rec.closes.size());
 }
 
 // Regression: a callback closing another socket of the same pass must not
 // make the walk touch that socket again, nor close it before the walk ends.
 TEST_P(SocketCtrlTest, CloseSSockFromCallbackClosesAnotherSocketAtPassEnd) {
   for (bool viaClose : {false, true}) {
-    auto srv = Make("srv");
-    Recorder rec;
-    int port = Listen(*srv);
-    int a = Connect(*srv, rec, port);
-    int b = Connect(*srv, rec, port);
-    unsigned sa = rec.accepted[0];
-    unsigned sb = rec.accepted[1];
+    auto sv = Serve(2);
+    Recorder &rec = sv->rec;
+    unsigned sa = sv->S(0), sb = sv->S(1);
     unsigned victim = SocketCtrl::kNoSocket;
     rec.onData = [&](SocketCtrl *c, unsigned s, char *, unsigned) {
       victim = s == sa ? sb : sa;
@@ -317,51 +330,39 @@ TEST_P(SocketCtrlTest, CloseSSockFromCallbackClosesAnotherSocketAtPassEnd) {
       EXPECT_EQ(1, c->IsConnected(victim));  // still there until the pass ends
       return 1;
     };
-    SendAll(a, "A");
-    SendAll(b, "B");
+    SendAll(sv->fds[0], "A");
+    SendAll(sv->fds[1], "B");
     ASSERT_TRUE(AllReadable({sa, sb}));
-    EXPECT_EQ(1, srv->accept(&rec, 1));
+    EXPECT_EQ(1, sv->srv->accept(&rec, 1));
     ASSERT_EQ(1u, rec.data.size()) << "the marked socket got a callback";
     EXPECT_NE(victim, rec.data[0].first);
     EXPECT_TRUE(rec.closes.empty()) << "closing through closeSSock is silent";
-    EXPECT_EQ(0, srv->IsConnected(victim));
-    EXPECT_EQ(1, srv->IsConnected(rec.data[0].first));
-    EXPECT_TRUE(PeerClosed(victim == sa ? a : b));
-    ::close(a);
-    ::close(b);
+    EXPECT_EQ(0, sv->srv->IsConnected(victim));
+    EXPECT_EQ(1, sv->srv->IsConnected(rec.data[0].first));
+    EXPECT_TRUE(PeerClosed(victim == sa ? sv->fds[0] : sv->fds[1]));
   }
 }
 
 TEST_P(SocketCtrlTest, CloseAllFromCallbackEndsEverySocketAtPassEnd) {
-  auto srv = Make("srv");
-  Recorder rec;
-  int port = Listen(*srv);
-  int a = Connect(*srv, rec, port);
-  int b = Connect(*srv, rec, port);
-  rec.onData = [](SocketCtrl *c, unsigned, char *, unsigned) { return c->close(SocketCtrl::kNoSocket, 0); };
-  SendAll(a, "A");
-  SendAll(b, "B");
-  ASSERT_TRUE(AllReadable({rec.accepted[0], rec.accepted[1]}));
-  EXPECT_EQ(1, srv->accept(&rec, 1));
-  EXPECT_EQ(1u, rec.data.size());
-  EXPECT_TRUE(rec.closes.empty());
-  EXPECT_EQ(0, srv->GetNumListenSocks());
-  EXPECT_EQ(SocketCtrl::kNoSocket, srv->GetMasterSocket());
-  EXPECT_TRUE(PeerClosed(a));
-  EXPECT_TRUE(PeerClosed(b));
-  ::close(a);
-  ::close(b);
+  auto sv = Serve(2);
+  sv->rec.onData = [](SocketCtrl *c, unsigned, char *, unsigned) { return c->close(SocketCtrl::kNoSocket, 0); };
+  SendAll(sv->fds[0], "A");
+  SendAll(sv->fds[1], "B");
+  ASSERT_TRUE(AllReadable({sv->S(0), sv->S(1)}));
+  EXPECT_EQ(1, sv->srv->accept(&sv->rec, 1));
+  EXPECT_EQ(1u, sv->rec.data.size());
+  EXPECT_TRUE(sv->rec.closes.empty());
+  EXPECT_EQ(0, sv->srv->GetNumListenSocks());
+  EXPECT_EQ(SocketCtrl::kNoSocket, sv->srv->GetMasterSocket());
+  EXPECT_TRUE(PeerClosed(sv->fds[0]));
+  EXPECT_TRUE(PeerClosed(sv->fds[1]));
 }
 
 TEST_P(SocketCtrlTest, RefusedConnectionIsClosedSilently) {
-  auto srv = Make("srv");
-  Recorder rec;
-  rec.connectAnswer = 0;
-  int fd = Connect(*srv, rec, Listen(*srv));
-  EXPECT_EQ(0, srv->IsConnected(rec.accepted[0]));
-  EXPECT_TRUE(PeerClosed(fd));
-  EXPECT_TRUE(rec.closes.empty());
-  ::close(fd);
+  auto sv = Serve(1, 0);
+  EXPECT_EQ(0, sv->srv->IsConnected(sv->S(0)));
+  EXPECT_TRUE(PeerClosed(sv->fds[0]));
+  EXPECT_TRUE(sv->rec.closes.empty());
 }
 
 TEST_P(SocketCtrlTest, NonBlockingConnectCompletedByTestWriteSock) {
@@ -571,22 +572,17 @@ TEST_P(SocketCtrlTest, CloseAndDestructorCloseEverythingTheyHold) {
 }
 
 TEST_P(SocketCtrlTest, CloseAllOutsideAPassResetsTheController) {
-  auto srv = Make("srv");
-  Recorder rec;
-  int port = Listen(*srv);
-  int a = Connect(*srv, rec, port);
-  EXPECT_EQ(1, srv->close(SocketCtrl::kNoSocket, 0));
-  EXPECT_EQ(SocketCtrl::kNoSocket, srv->GetMasterSocket());
-  EXPECT_EQ(0, srv->IsMasterSockRdy());
-  EXPECT_EQ(0, srv->GetNumListenSocks());
-  EXPECT_TRUE(PeerClosed(a));
-  EXPECT_LT(Dial(port), 0);
+  auto sv = Serve(1);
+  SocketCtrl &srv = *sv->srv;
+  EXPECT_EQ(1, srv.close(SocketCtrl::kNoSocket, 0));
+  EXPECT_EQ(SocketCtrl::kNoSocket, srv.GetMasterSocket());
+  EXPECT_EQ(0, srv.IsMasterSockRdy());
+  EXPECT_EQ(0, srv.GetNumListenSocks());
+  EXPECT_TRUE(PeerClosed(sv->fds[0]));
+  EXPECT_LT(Dial(sv->port), 0);
   // The controller is usable again.
-  int port2 = Listen(*srv);
-  int c = Connect(*srv, rec, port2);
-  EXPECT_EQ(2u, rec.accepted.size());
-  ::close(a);
-  ::close(c);
+  sv->fds.push_back(Connect(srv, sv->rec, Listen(srv)));
+  EXPECT_EQ(2u, sv->rec.accepted.size());
 }
 
 // Another thread connects and writes through the controller while the
@@ -674,49 +670,57 @@ TEST(SocketCtrlOptions, RateLimitWithoutQueueSendsWholeWritesOrNothing) {
   ::close(fds[1]);
 }
 
+// The soft descriptor limit raised to need (this machine's hard limit is
+// 20,000); false when the hard limit is lower.
+bool RaiseFdLimit(rlim_t need) {
+  rlimit rl{};
+  if (::getrlimit(RLIMIT_NOFILE, &rl) != 0)
+    return false;
+  if (rl.rlim_cur < need) {
+    rl.rlim_cur = std::min(need, rl.rlim_max);
+    if (::setrlimit(RLIMIT_NOFILE, &rl) != 0)
+      return false;
+  }
+  return rl.rlim_cur >= need;
+}
+
+// Dials n clients in batches below the listen backlog, each batch accepted
+// by passes before the next. The client fds, in accept order.
+std::vector<int> DialMany(SocketCtrl &srv, Recorder &rec, int port, size_t n) {
+  std::vector<int> clients;
+  auto end = Clock::now() + std::chrono::seconds(60);
+  while (clients.size() < n && Clock::now() < end) {
+    for (int i = 0; i < 500 && clients.size() < n; ++i)
+      clients.push_back(Dial(port));
+    while (rec.accepted.size() < clients.size() && Clock::now() < end)
+      srv.accept(&rec, 1);
+  }
+  return clients;
+}
+
 // One Linux-mode controller holds far more connections than select could
 // (2048) and serves a line on each.
 TEST(SocketCtrlScale, FourThousandConnectionsOnOneEpollController) {
-  constexpr int kConns = 4000;
-  rlimit rl{};
-  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &rl));
-  rlim_t need = 2 * kConns + 64;
-  if (rl.rlim_cur < need) {
-    rl.rlim_cur = std::min(need, rl.rlim_max);
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &rl));
-  }
-  if (rl.rlim_cur < need)
-    GTEST_SKIP() << "descriptor limit too low: " << rl.rlim_cur;
-
+  constexpr size_t kConns = 4000;
+  if (!RaiseFdLimit(2 * kConns + 64))
+    GTEST_SKIP() << "descriptor limit too low";
   SocketCtrl srv(nullptr, 1, 65535, 0, 1, "scale");
   ASSERT_EQ(8u, srv.GetEventsMode());
   srv.SetTxtMode();
   Recorder rec;
-  rec.onData = [](SocketCtrl *c, unsigned s, char *, unsigned) {
-    return c->writeLine("pong", s, EOL_LF);
-  };
+  rec.onData = [](SocketCtrl *c, unsigned s, char *, unsigned) { return c->writeLine("pong", s, EOL_LF); };
   unsigned ls = 0;
   int port = 0;
   ASSERT_EQ(1, srv.listen("tcp", 1024, 0, "127.0.0.1", nullptr, &ls, 0, &port));
-  std::vector<int> clients;
-  auto end = Clock::now() + std::chrono::seconds(60);
-  while (clients.size() < kConns && Clock::now() < end) {
-    // In batches below the listen backlog, accepted before the next batch.
-    for (int i = 0; i < 500 && clients.size() < kConns; ++i) {
-      int fd = Dial(port);
-      ASSERT_GE(fd, 0);
-      clients.push_back(fd);
-    }
-    while (rec.accepted.size() < clients.size() && Clock::now() < end)
-      srv.accept(&rec, 1);
-  }
-  ASSERT_EQ(static_cast<size_t>(kConns), rec.accepted.size());
+  std::vector<int> clients = DialMany(srv, rec, port, kConns);
+  ASSERT_EQ(kConns, rec.accepted.size());
   for (int fd : clients)
     SendAll(fd, "ping\n");
-  while (rec.data.size() < static_cast<size_t>(kConns) && Clock::now() < end)
+  auto end = Clock::now() + std::chrono::seconds(60);
+  while (rec.data.size() < kConns && Clock::now() < end)
     srv.accept(&rec, 1);
-  ASSERT_EQ(static_cast<size_t>(kConns), rec.data.size());
-  int served = 0;
+  ASSERT_EQ(kConns, rec.data.size());
+  size_t served = 0;
   for (int fd : clients)
     served += ReadN(fd, 5) == "pong\n" ? 1 : 0;
   EXPECT_EQ(kConns, served);
@@ -728,30 +732,16 @@ TEST(SocketCtrlScale, FourThousandConnectionsOnOneEpollController) {
 // A select controller cannot watch more than 2048 sockets: a connection past
 // that is refused (closed at once) instead of being held unwatched.
 TEST(SocketCtrlScale, SelectControllerRefusesConnectionsPastItsLimit) {
-  rlimit rl{};
-  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &rl));
-  rlim_t need = 2 * 2100 + 64;
-  if (rl.rlim_cur < need) {
-    rl.rlim_cur = std::min(need, rl.rlim_max);
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &rl));
-  }
-  if (rl.rlim_cur < need)
-    GTEST_SKIP() << "descriptor limit too low: " << rl.rlim_cur;
+  if (!RaiseFdLimit(2 * 2100 + 64))
+    GTEST_SKIP() << "descriptor limit too low";
   SocketCtrl srv(nullptr, 1, 65535, 0, 0, "select");
   ASSERT_EQ(1u, srv.GetEventsMode());
   Recorder rec;
   unsigned ls = 0;
   int port = 0;
   ASSERT_EQ(1, srv.listen("tcp", 1024, 0, "127.0.0.1", nullptr, &ls, 0, &port));
-  std::vector<int> clients;
-  auto end = Clock::now() + std::chrono::seconds(60);
   // The listening socket takes one of the 2048 places.
-  while (clients.size() < 2047 && Clock::now() < end) {
-    for (int i = 0; i < 500 && clients.size() < 2047; ++i)
-      clients.push_back(Dial(port));
-    while (rec.accepted.size() < clients.size() && Clock::now() < end)
-      srv.accept(&rec, 1);
-  }
+  std::vector<int> clients = DialMany(srv, rec, port, 2047);
   ASSERT_EQ(2047u, rec.accepted.size());
   int extra = Dial(port);
   ASSERT_GE(extra, 0);
