@@ -9,6 +9,7 @@
 #include "platform/Compat.h"
 #include "platform/Export.h"
 #include "platform/PlatformInfo.h"
+#include "platform/Readiness.h"
 #include "platform/ThreadApi.h"
 #include "platform/Types.h"
 
@@ -27,6 +28,13 @@
 #include "thread/ThreadRegistry.h"
 
 // socket
+#include "socket/EPollWrapper.h"
+#include "socket/FdCtrl.h"
+#include "socket/KQueueWrapper.h"
+#include "socket/PollWrapper.h"
+#include "socket/SelectWrapper.h"
+#include "socket/SockEventsWrapper.h"
+#include "socket/TxtBuf_reg.h"
 
 // sockbuf
 
@@ -35,9 +43,18 @@
 // proxy
 
 // media
+#include "media/BinBuf.h"
+#include "media/CLBuffer.h"
+#include "media/CLSBuffer.h"
 
 // file
+#include "file/FilePrimitives.h"
+#include "file/FileRead.h"
 
 // expr
 
 // services
+#include "services/Adler32.h"
+#include "services/Base64.h"
+#include "services/CpuUsage.h"
+#include "services/SHA1.h"
