@@ -9,6 +9,7 @@
 #include "platform/Compat.h"
 #include "platform/Export.h"
 #include "platform/PlatformInfo.h"
+#include "platform/Readiness.h"
 #include "platform/SockAddr.h"
 #include "platform/ThreadApi.h"
 #include "platform/Types.h"
@@ -51,7 +52,13 @@
 #include "media/CLSBuffer.h"
 
 // file
+#include "file/FilePrimitives.h"
+#include "file/FileRead.h"
 
 // expr
 
 // services
+#include "services/Adler32.h"
+#include "services/Base64.h"
+#include "services/CpuUsage.h"
+#include "services/SHA1.h"

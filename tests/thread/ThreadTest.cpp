@@ -90,7 +90,8 @@ TEST(ThreadRegistry, EntriesAreAddedAtCreationAndRemovedOnce) {
   a.release.Open();
   b.release.Open();
   c.release.Open();
-  EXPECT_EQ(IThread::kWaitEnded, ta->WaitForMe(IThread::kInfinite));
+  for (IThread *t : {ta, tb, tc})  // the probes must outlive the bodies
+    EXPECT_EQ(IThread::kWaitEnded, t->WaitForMe(IThread::kInfinite));
   EXPECT_EQ(1, CountRegistry(aText));  // ended, but its handle lives
   delete ta;
   delete tb;
