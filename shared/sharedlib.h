@@ -10,16 +10,22 @@
 #include "platform/Export.h"
 #include "platform/PlatformInfo.h"
 #include "platform/Readiness.h"
+#include "platform/SockAddr.h"
 #include "platform/ThreadApi.h"
 #include "platform/Types.h"
 
 // text
+#include "text/BaseLogger.h"
+#include "text/DebugOutput.h"
 #include "text/TextRoutines.h"
 #include "text/XStr.h"
 
 // thread
 #include "thread/Semaphore.h"
+#include "thread/StmtQueue.h"
+#include "thread/SVectorT.h"
 #include "thread/Thread.h"
+#include "thread/ThreadPool.h"
 #include "thread/ThreadRegistry.h"
 
 // socket
@@ -28,7 +34,10 @@
 #include "socket/KQueueWrapper.h"
 #include "socket/PollWrapper.h"
 #include "socket/SelectWrapper.h"
+#include "socket/SendQueue.h"
 #include "socket/SockEventsWrapper.h"
+#include "socket/SocketCtrl.h"
+#include "socket/SocketPrimitives.h"
 #include "socket/TxtBuf_reg.h"
 
 // sockbuf

@@ -25,7 +25,6 @@ struct ThreadControl {
   bool bodyStarted = false;    // guarded by mutex
   bool cancelled = false;      // guarded by mutex: handle destroyed before any Resume
   bool ended = false;          // guarded by mutex
-  unsigned exitCode = 0;       // written on the thread only, before ended
 };
 
 namespace {
@@ -68,7 +67,8 @@ void PosixThread::Main(void *raw) {
     c.bodyStarted = true;
   }
   // The body may destroy the handle (and so c.handle) at any time from here.
-  c.exitCode = static_cast<unsigned>(c.fn(c.handle, c.arg));
+  // Its result, like an Exit code, has no reader on this interface.
+  c.fn(c.handle, c.arg);
 }
 
 PosixThread::PosixThread(IThreadFunc fn, void *arg, char const *name)
@@ -155,10 +155,9 @@ int PosixThread::Suspend() {
 
 void PosixThread::Register() {}
 
-void PosixThread::Exit(unsigned code) {
+void PosixThread::Exit(unsigned) {
   if (!control_ || !platform::ThreadIsCurrent(native_))
     return;
-  control_->exitCode = code;
   platform::ThreadExitCurrent();
 }
 

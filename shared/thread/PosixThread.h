@@ -1,10 +1,10 @@
 // PosixThread.h: the IThread of POSIX systems (internal; use CreateIThread).
 //
-// The design's Windows handle could create a thread suspended and resume it
-// later. POSIX threads have no suspended state, so this class builds one: the
-// OS thread starts at once, records its kernel id and name, reports that it
-// exists, and then waits on a gate until Resume() brings the suspend count to
-// 0. Suspending a thread that already runs its body is not offered (there is
+// A Windows thread can be created suspended and resumed later; POSIX
+// threads have no suspended state, so this class builds one: the OS thread
+// starts at once, records its kernel id and name, reports that it exists,
+// and then waits on a gate until Resume() brings the suspend count to 0.
+// Suspending a thread that already runs its body is not offered (there is
 // no safe way to stop a POSIX thread at an arbitrary point): Suspend() is -1.
 //
 // The state the running thread needs (the gate, the end flag) lives in a

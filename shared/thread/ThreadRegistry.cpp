@@ -3,6 +3,7 @@
 #include "platform/Compat.h"
 #include "platform/ThreadApi.h"
 #include "thread/PosixThread.h"
+#include "text/DebugOutput.h"
 #include "text/TextRoutines.h"
 #include "text/XStr.h"
 #include "thread/Semaphore.h"
@@ -153,9 +154,7 @@ void ThreadMgr_DisplayThreads(void) {
   shared::SemGuard guard(g_registry.Lock());
   char const *text = nullptr;
   for (int more = ThreadMgr_ListFirst(&text); more; more = ThreadMgr_ListNext(&text)) {
-    if (!text)
-      text = "";
-    // No sink yet: the walk is kept so a sink can be added here.
+    _DebugNotifyOnly(0, "ThreadMgr", "%s", text ? text : "");
   }
 }
 

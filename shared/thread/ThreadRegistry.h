@@ -19,6 +19,8 @@ SHAREDLIB_BEGIN_C
 SHAREDLIB_API int ThreadMgr_ListFirst(char const **text);
 // Moves the cursor to the next entry and stores its text: 1, or 0 at the end.
 SHAREDLIB_API int ThreadMgr_ListNext(char const **text);
-// Walks the whole list under the registry lock.
+// Walks the whole list under the registry lock and sends each text as a
+// debug notice of level 0 from "ThreadMgr" (text/DebugOutput.h: shown once a
+// program raises the error level and chooses a sink).
 SHAREDLIB_API void ThreadMgr_DisplayThreads(void);
 SHAREDLIB_END_C

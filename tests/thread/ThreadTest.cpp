@@ -1,6 +1,7 @@
 #include "thread/Thread.h"
 
 #include "platform/ThreadApi.h"
+#include "text/DebugOutput.h"
 #include "thread/ThreadRegistry.h"
 #include "ThreadTestUtil.h"
 
@@ -44,10 +45,8 @@ TEST(Thread, CreatedSuspendedRunsOnlyAfterResume) {
   Probe p;
   IThread *t = CreateIThread(ProbeBody, &p, 0, "suspended");
   ASSERT_NE(nullptr, t);
-  EXPECT_TRUE(t->IsThreadOk());
   // A suspended thread can never end: the bounded wait must time out.
   EXPECT_EQ(IThread::kWaitTimeout, t->WaitForMe(20));
-  EXPECT_EQ(0, p.runs.load());
   // Suspend counts nest until the body starts.
   EXPECT_EQ(1, t->Suspend());
   EXPECT_EQ(2, t->Resume());
@@ -62,112 +61,75 @@ TEST(Thread, CreatedSuspendedRunsOnlyAfterResume) {
   EXPECT_EQ(IThread::kWaitEnded, t->WaitForMe(0));  // ended stays ended
   EXPECT_EQ(1, p.runs.load());
   delete t;
+
+  // Never resumed: released on deletion without running its body.
+  Probe never;
+  delete CreateIThread(ProbeBody, &never, 0, "never");
+  EXPECT_EQ(0, never.runs.load());
+  EXPECT_EQ(nullptr, CreateIThread(nullptr, &never, 1, "no body"));
 }
 
-TEST(Thread, StartedThreadRunsAtOnceAndFailuresGiveNull) {
-  Probe p;
-  p.release.Open();
-  IThread *t = CreateIThread(ProbeBody, &p, 1, "started");
-  ASSERT_NE(nullptr, t);
-  EXPECT_EQ(IThread::kWaitEnded, t->WaitForMe(IThread::kInfinite));
-  EXPECT_EQ(1, p.runs.load());
-  delete t;
-
-  EXPECT_EQ(nullptr, CreateIThread(nullptr, &p, 1, "no body"));
-}
-
-TEST(Thread, NeverResumedThreadIsReleasedWithoutRunningItsBody) {
-  Probe p;
-  IThread *t = CreateIThread(ProbeBody, &p, 0, "never");
-  ASSERT_NE(nullptr, t);
-  delete t;  // joins the parked thread: nothing leaks, nothing runs
-  EXPECT_EQ(0, p.runs.load());
-}
-
-TEST(ThreadRegistry, EntryAddedAtCreationAndRemovedOnceAtDestruction) {
-  Probe p;
-  IThread *t = CreateIThread(ProbeBody, &p, 1, "  registry probe  ");
-  ASSERT_NE(nullptr, t);
-  ASSERT_TRUE(p.entered.Wait());
-  std::string const text = EntryText(p.tid, "  registry probe");  // leading blanks kept, trailing trimmed
-  EXPECT_EQ(1, CountRegistry(text));
-  // The OS gets the name cut to what it keeps.
-  EXPECT_STREQ("  registry prob", p.osName);
-  p.release.Open();
-  EXPECT_EQ(IThread::kWaitEnded, t->WaitForMe(IThread::kInfinite));
-  EXPECT_EQ(1, CountRegistry(text));  // ended but its handle lives: still listed
-  delete t;
-  EXPECT_EQ(0, CountRegistry(text));
-}
-
-TEST(ThreadRegistry, LongAndBlankNames) {
+TEST(ThreadRegistry, EntriesAreAddedAtCreationAndRemovedOnce) {
   std::string const longName(80, 'n');
-  Probe a, b;
+  Probe a, b, c;
+  IThread *ta = CreateIThread(ProbeBody, &a, 1, "  registry probe  ");
+  IThread *tb = CreateIThread(ProbeBody, &b, 1, longName.c_str());
+  IThread *tc = CreateIThread(ProbeBody, &c, 1, "   ");
+  ASSERT_TRUE(ta && tb && tc);
+  ASSERT_TRUE(a.entered.Wait() && b.entered.Wait() && c.entered.Wait());
+
+  std::string const aText = EntryText(a.tid, "  registry probe");  // leading blanks kept
+  std::string const bText = EntryText(b.tid, longName);
+  std::string const cText = EntryText(c.tid, "");
+  EXPECT_EQ(1, CountRegistry(aText));
+  EXPECT_EQ(63u, bText.size());  // the whole text is cut to 63
+  EXPECT_EQ(1, CountRegistry(bText));
+  EXPECT_EQ(1, CountRegistry(cText));  // ends in the space after ')'
+  EXPECT_STREQ("  registry prob", a.osName);  // the OS keeps 15 characters
+
   a.release.Open();
   b.release.Open();
-  IThread *ta = CreateIThread(ProbeBody, &a, 1, longName.c_str());
-  IThread *tb = CreateIThread(ProbeBody, &b, 1, "   ");
-  ASSERT_NE(nullptr, ta);
-  ASSERT_NE(nullptr, tb);
-  ASSERT_TRUE(a.entered.Wait());
-  ASSERT_TRUE(b.entered.Wait());
-  // The whole text is cut to 63 characters.
-  std::string const aText = EntryText(a.tid, longName);
-  EXPECT_EQ(63u, aText.size());
-  EXPECT_EQ(1, CountRegistry(aText));
-  // A blank name leaves the text ending in the space after the parenthesis.
-  EXPECT_EQ(1, CountRegistry(EntryText(b.tid, "")));
-  EXPECT_EQ(')', EntryText(b.tid, "").end()[-2]);
-  ta->WaitForMe(IThread::kInfinite);
-  tb->WaitForMe(IThread::kInfinite);
+  c.release.Open();
+  for (IThread *t : {ta, tb, tc})  // the probes must outlive the bodies
+    EXPECT_EQ(IThread::kWaitEnded, t->WaitForMe(IThread::kInfinite));
+  EXPECT_EQ(1, CountRegistry(aText));  // ended, but its handle lives
   delete ta;
   delete tb;
+  delete tc;
   EXPECT_EQ(0, CountRegistry(aText));
+  EXPECT_EQ(0, CountRegistry(bText));
+  EXPECT_EQ(0, CountRegistry(cText));
 }
 
-TEST(ThreadRegistry, MainThreadIsListedFirst) {
+TEST(ThreadRegistry, MainThreadIsListedFirstAndDisplayedThroughTheDebugChannel) {
   // The test runner's main thread loaded the library.
+  std::string const main = EntryText(shared::platform::CurrentThreadId(), "Main Thread");
   char const *first = nullptr;
   ASSERT_EQ(1, ThreadMgr_ListFirst(&first));
-  unsigned long id = shared::platform::CurrentThreadId();
-  EXPECT_EQ(EntryText(id, "Main Thread"), first);
-  ThreadMgr_DisplayThreads();  // walks without harm
-}
+  EXPECT_EQ(main, first);
 
-TEST(ThreadRegistry, WalkSurvivesRemovalOfTheCurrentEntry) {
-  Probe p;
-  p.release.Open();
-  IThread *t = CreateIThread(ProbeBody, &p, 1, "walked");
-  ASSERT_NE(nullptr, t);
-  ASSERT_TRUE(p.entered.Wait());
-  std::string const text = EntryText(p.tid, "walked");
-  char const *cur = nullptr;
-  int more = ThreadMgr_ListFirst(&cur);
-  while (more && text != cur)
-    more = ThreadMgr_ListNext(&cur);
-  ASSERT_EQ(1, more);
-  t->WaitForMe(IThread::kInfinite);
-  delete t;  // removes the entry the walk stands on
-  // The walk goes on with whatever followed it, without touching freed text.
-  while (ThreadMgr_ListNext(&cur))
-    EXPECT_NE(text, cur);
+  testing::internal::CaptureStderr();
+  ThreadMgr_DisplayThreads();  // channel off: nothing
+  SetErrorLevel(0);
+  SetDebugSink(kDebugSinkStderr);
+  ThreadMgr_DisplayThreads();
+  SetDebugSink(kDebugSinkNone);
+  SetErrorLevel(-1);
+  EXPECT_EQ(0u, testing::internal::GetCapturedStderr().find("ThreadMgr: " + main + "\n"));
 }
 
 struct Exiter {
   std::atomic<bool> destructorRan{false};
   std::atomic<bool> pastExit{false};
-  IThread *self = nullptr;
-};
-
-struct SetOnDestroy {
-  std::atomic<bool> &flag;
-  ~SetOnDestroy() { flag = true; }
 };
 
 int ExitingBody(IThread *t, void *arg) {
   auto *e = static_cast<Exiter *>(arg);
   EXPECT_EQ(-1, t->WaitForMe(IThread::kInfinite));  // on itself: refused
-  SetOnDestroy guard{e->destructorRan};
+  struct SetOnDestroy {
+    std::atomic<bool> &flag;
+    ~SetOnDestroy() { flag = true; }
+  } guard{e->destructorRan};
   t->Exit(3);
   e->pastExit = true;
   return 0;
@@ -183,19 +145,6 @@ TEST(Thread, ExitEndsOnlyTheCallingThreadAndUnwinds) {
   EXPECT_TRUE(e.destructorRan);
   EXPECT_FALSE(e.pastExit);
   delete t;
-}
-
-int SelfDeletingBody(IThread *t, void *arg) {
-  delete t;  // allowed: the body goes on without its handle
-  static_cast<Latch *>(arg)->Open();
-  return 0;
-}
-
-TEST(Thread, BodyMayDeleteItsOwnHandle) {
-  Latch done;
-  IThread *t = CreateIThread(SelfDeletingBody, &done, 1, "self deleting");
-  ASSERT_NE(nullptr, t);
-  EXPECT_TRUE(done.Wait());
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// Helpers shared by the thread tests: a one-shot latch and a registry snapshot.
+// Helpers shared by the thread tests: a one-shot latch, polling with a
+// deadline, and registry look-ups.
 #pragma once
 
 #include "thread/ThreadRegistry.h"
@@ -21,9 +22,9 @@ public:
     open_ = true;
     cv_.notify_all();
   }
-  bool Wait(std::chrono::seconds limit = std::chrono::seconds(30)) {
+  bool Wait() {
     std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, limit, [this] { return open_; });
+    return cv_.wait_for(lock, std::chrono::seconds(30), [this] { return open_; });
   }
   bool IsOpen() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -36,10 +37,9 @@ private:
   bool open_ = false;
 };
 
-// Polls pred until it holds or the deadline passes.
 template <class Pred>
-bool Eventually(Pred pred, std::chrono::seconds limit = std::chrono::seconds(30)) {
-  auto const end = std::chrono::steady_clock::now() + limit;
+bool Eventually(Pred pred) {
+  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (!pred()) {
     if (std::chrono::steady_clock::now() > end)
       return false;
@@ -56,11 +56,19 @@ inline std::vector<std::string> RegistryTexts() {
   return out;
 }
 
+// Entries equal to text / ending with suffix.
 inline int CountRegistry(std::string const &text) {
   int n = 0;
   for (auto const &t : RegistryTexts())
     n += (t == text);
   return n;
+}
+
+inline bool Listed(std::string const &suffix) {
+  for (auto const &t : RegistryTexts())
+    if (t.size() > suffix.size() && t.compare(t.size() - suffix.size(), suffix.size(), suffix) == 0)
+      return true;
+  return false;
 }
 
 }  // namespace testutil

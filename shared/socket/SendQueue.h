@@ -1,0 +1,117 @@
+// SendQueue.h: data a socket could not take at once, sent later by the
+// "SendQueue Thread".
+//
+// One queue serves many sockets of many SocketCtrl objects. Each socket's
+// queued bytes are one CLBuffer record (a byte stream over slots, split when
+// an insert is longer than a slot); the record's user data is the controller
+// through which the bytes must be written. The record id is the socket
+// handle plus one, because descriptor 0 is a valid socket and id 0 is not.
+//
+// The thread repeats until stopped: gather up to 2048 sockets with queued
+// data, wait up to 1 s for any of them to be writable (poll, so any
+// descriptor number works), run one send pass over all sockets, pause
+// 300 ms (through the clock seam).
+//
+// A send pass applies the controller's per-socket SockOptions: a per-second
+// rate limit, byte counting and framed records (runs of [4-byte length in
+// host order][bytes], sent message by message without the prefix).
+//
+// Ownership: the queue owns its store, its lock and its thread. It never owns
+// a controller; a controller drops its sockets' records (erase) before it
+// forgets them, so the queue never writes through a dead controller.
+//
+// Locks: lock_ guards the store and a whole send pass. Inside a pass the
+// queue takes the controller's option lock, so the order is always the
+// queue's lock, then the option lock (and then the controller's mark lock).
+// The thread never holds lock_ while it waits or pauses, and the stop waits
+// for the thread without holding lock_, so a stop cannot deadlock with it.
+//
+// Threads: any thread may call insert, erase, HasData, GetSendQueueSize and
+// SendQueuedData. The CLBuffer members inherited are not locked: use the
+// queue's own members only.
+#pragma once
+
+#include "media/CLBuffer.h"
+#include "platform/Export.h"
+
+#include <atomic>
+#include <mutex>
+#include <vector>
+
+class IThread;
+class SocketCtrl;
+class _SEMAPHORE;
+
+// Receives a copy of every chunk queued (sent 0) and sent (sent 1) while
+// set. Called with the queue's lock held: it must not call into the queue.
+class SHAREDLIB_API ISendQueueDump {
+public:
+  virtual void Dump(unsigned int sock, char const *data, unsigned int len, int sent) = 0;
+
+protected:
+  ~ISendQueueDump() = default;
+};
+
+class SHAREDLIB_API SendQueue : public CLBuffer {
+public:
+  static constexpr unsigned kMaxReadBytes = 65535;  // bytes read per record per send
+  static constexpr unsigned kMaxSockets = 2048;     // sockets gathered per cycle
+  static constexpr unsigned kWaitMs = 1000;         // writability wait per cycle
+  static constexpr unsigned kPauseMs = 300;         // pause between cycles
+
+  // The store is CLBuffer(slotSize, initialSlots, 0, 0, 1, 0, growthSlots):
+  // byte streams per socket, split over slots. Starts the thread when the
+  // store and the lock exist.
+  SendQueue(unsigned int slotSize, unsigned int initialSlots, unsigned int growthSlots);
+  // Stops the thread (waiting for it), then frees the store.
+  ~SendQueue() override;
+  SendQueue(SendQueue const &) = delete;
+  SendQueue &operator=(SendQueue const &) = delete;
+
+  // 1 while the thread runs.
+  int IsOk() const { return ok_.load(std::memory_order_acquire); }
+  int CanDebug() const { return debug_.load(std::memory_order_relaxed); }
+  void SetDebug(int on) { debug_.store(on, std::memory_order_relaxed); }
+  // Not owned; null turns the dump off.
+  void SetDebugDump(ISendQueueDump *dump);
+
+  // 1 when a thread was started; 0 when one exists already or none could be
+  // made (the stop flag is then set).
+  int StartSendQueueThread();
+  // Stops the thread and waits for it to end. Any thread but the send
+  // thread itself may call it.
+  void StopSendQueueThread();
+
+  // Appends len bytes for sock, written later through ctrl. arg is the
+  // record's byte limit (fixed by the insert that creates the record), flag
+  // starts a slot of its own. Returns the bytes queued (0 on refusal: bad
+  // arguments, queue not running, limit reached).
+  unsigned int insert(unsigned int sock, char const *data, unsigned int len, unsigned int arg, SocketCtrl *ctrl,
+                      int flag);
+  // Drops everything queued for sock; 1 when something was.
+  int erase(unsigned int sock) override;
+  // 1 when bytes are queued for sock.
+  int HasData(unsigned int sock);
+  // Bytes queued for sock (*count too); 0 when not running or sock is -1.
+  unsigned int GetSendQueueSize(unsigned int sock, unsigned int *count);
+  // One send pass over sock, or over every socket for -1. 1 when everything
+  // attempted went out whole, 0 when some socket kept data.
+  int SendQueuedData(int mode, unsigned int sock);
+
+private:
+  static int _DoSendQueueThread(IThread *thread, void *arg);
+  int ThreadLoop();
+  // One socket of a pass (lock_ held): true when nothing was left behind.
+  bool SendSocket(int mode, unsigned int sock);
+  void Gather(std::vector<std::uint32_t> *socks);
+
+  std::atomic<int> ok_{0};
+  std::atomic<int> stop_{0};
+  std::atomic<int> debug_{0};
+  ISendQueueDump *dump_ = nullptr;   // guarded by lock_
+  IThread *thread_ = nullptr;        // guarded by threadMutex_; owned
+  _SEMAPHORE *lock_ = nullptr;       // owned
+  std::mutex threadMutex_;           // serialises start and stop
+  std::vector<char> readBuf_;        // guarded by lock_: one record read
+  std::vector<std::uint32_t> ids_;   // guarded by lock_: ids of a pass
+};

@@ -1,0 +1,1303 @@
+#include "socket/SocketCtrl.h"
+
+#include "platform/Clock.h"
+#include "platform/Compat.h"
+#include "platform/Readiness.h"
+#include "platform/SocketApi.h"
+#include "socket/FdCtrl.h"
+#include "socket/SendQueue.h"
+#include "socket/SocketPrimitives.h"
+#include "text/DebugOutput.h"
+#include "text/TextRoutines.h"
+#include "thread/Semaphore.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace sp = shared::platform;
+using shared::SemGuard;
+
+char const *const SocketCtrl::kReasonWriteError = "Socket write error. Disconnected!";
+char const *const SocketCtrl::kReasonPeerClosed = "Connection closed by peer. Disconnected!";
+char const *const SocketCtrl::kReasonCallback = "Connection closed by acceptCallBack(). Disconnected!";
+
+namespace {
+
+constexpr SOCKET kNone = SocketCtrl::kNoSocket;
+constexpr unsigned kDefaultRcvSize = 65535;
+constexpr unsigned kMaxLine = 65535;
+constexpr unsigned kDefaultFrag = 1400;
+// Bound of the retry loop of _write (about 1 ms each): a peer that takes no
+// byte for this long is treated as failed instead of hanging the caller.
+constexpr int kMaxRetries = 30000;
+
+bool IsUdpProto(char const *proto) { return proto && _stricmp(proto, "udp") == 0; }
+
+// Waits up to ms for s to be ready for kinds (1 read, 2 write); the ready
+// mask (4 for error), 0 on time-out, -1 on failure.
+int WaitOne(SOCKET s, unsigned kinds, long ms) {
+  std::uint32_t one = s;
+  unsigned char ready = 0;
+  int r = sp::WaitSockets(&one, 1, kinds | 4u, ms, &ready);
+  return r > 0 ? ready : r;
+}
+
+}  // namespace
+
+// Holds the pass mutex for one pass. A pass started from a callback of a
+// pass of the same controller (same thread) is refused instead of
+// deadlocking or corrupting the outer walk.
+class SocketCtrl::PassGuard {
+public:
+  explicit PassGuard(SocketCtrl &c) : c_(c) {
+    c_.passMutex_.lock();
+    nested_ = c_.passDepth_ > 0;
+    ++c_.passDepth_;
+  }
+  ~PassGuard() {
+    --c_.passDepth_;
+    c_.passMutex_.unlock();
+  }
+  bool Nested() const { return nested_; }
+  PassGuard(PassGuard const &) = delete;
+  PassGuard &operator=(PassGuard const &) = delete;
+
+private:
+  SocketCtrl &c_;
+  bool nested_ = false;
+};
+
+// --- SockOptions -------------------------------------------------------------
+
+void SockOptions::Count(unsigned n, std::int64_t now) {
+  if (countStart == 0) {
+    countStart = static_cast<std::uint32_t>(now);
+    if (countStart == 0)
+      countStart = 1;
+  }
+  SetSent(Sent() + n);
+  if (Second() != now) {
+    SetSecond(now);
+    secondBytes = 0;
+  }
+  secondBytes += n;
+}
+
+unsigned SockOptions::Allowance(unsigned n, std::int64_t now) {
+  if (rateLimit == 0)
+    return n;
+  if (Second() != now) {
+    SetSecond(now);
+    secondBytes = 0;
+  }
+  if (secondBytes >= rateLimit)
+    return 0;
+  return std::min(n, rateLimit - secondBytes);
+}
+
+// --- ISocketCtrl defaults ------------------------------------------------------
+
+int ISocketCtrl::acceptCallback(SocketCtrl *, unsigned int, char *, unsigned int) { return 0; }
+int ISocketCtrl::connectCallback(SocketCtrl *, unsigned int, unsigned int) { return 0; }
+void ISocketCtrl::closeCallback(SocketCtrl *, unsigned int, char const *) {}
+int ISocketCtrl::acceptUDPCallback(SocketCtrl *, unsigned int, sockaddr_in *, char *, unsigned int) { return 0; }
+void ISocketCtrl::closeUDPCallback(SocketCtrl *, unsigned int, sockaddr_in *, char const *) {}
+
+// --- Construction ----------------------------------------------------------------
+
+SocketCtrl::SocketCtrl(SendQueue *queue, int ownerFlag, unsigned int rcvBufSize, int noWait, int linuxMode,
+                       char const *name)
+    : queue_(queue), noWait_(noWait), rcvBufSize_(rcvBufSize ? rcvBufSize : kDefaultRcvSize),
+      ownerFlag_(ownerFlag) {
+  ajusta_str(name ? name : "", name_, 63);
+  lock_ = new _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
+  optLock_ = new _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
+  active_ = new fdATxtSVector();
+  listen_ = new fdVector();
+  closePending_ = new fdVector();
+  writeError_ = new fdVector();
+  if (!noWait)
+    demux_ = InitSockEventsWrapper(linuxMode ? 9 : 1, this, name_);
+  rxBuf_.resize(rcvBufSize_);
+  lineBuf_.resize(kMaxLine + 1);
+}
+
+SocketCtrl::~SocketCtrl() {
+  if (lock_) {
+    SemGuard g(*lock_);
+    CloseAll();
+    ApplyDemuxChanges();
+  }
+  if (demux_)
+    demux_->zero();
+  delete demux_;
+  delete active_;
+  delete listen_;
+  delete closePending_;
+  delete writeError_;
+  delete optLock_;
+  delete lock_;
+}
+
+int SocketCtrl::isSockOk() const {
+  return lock_ && lock_->IsOk() && optLock_ && optLock_->IsOk() && active_ && listen_ && closePending_ &&
+         writeError_;
+}
+
+unsigned int SocketCtrl::firstActiveSocket(unsigned int *pos) {
+  if (!active_) {
+    if (pos)
+      *pos = 0;
+    return kNone;
+  }
+  return active_->first(pos);
+}
+
+unsigned int SocketCtrl::nextActiveSocket(unsigned int *pos) {
+  if (!active_) {
+    if (pos)
+      *pos = 0;
+    return kNone;
+  }
+  return active_->next(pos);
+}
+
+void SocketCtrl::SetMasterSocket(SOCKET s) {
+  SemGuard g(*lock_);
+  master_.store(s, std::memory_order_release);
+}
+
+IfdCtrl *SocketCtrl::GetListenFdSel() const { return listen_; }
+
+int SocketCtrl::GetNumListenSocks() {
+  SemGuard g(*lock_);
+  return listen_->count();
+}
+
+int SocketCtrl::IsListenSock(SOCKET s) {
+  SemGuard g(*lock_);
+  return s != kNone && listen_->isset(s) ? 1 : 0;
+}
+
+int SocketCtrl::IsConnected(SOCKET s) {
+  s = Resolve(s);
+  if (s == kNone)
+    return 0;
+  SemGuard g(*lock_);
+  return active_->isset(s) ? 1 : 0;
+}
+
+unsigned long SocketCtrl::GetEventsMode() {
+  SemGuard g(*lock_);
+  return demux_ ? demux_->GetMode() : 0;
+}
+
+int SocketCtrl::SetEventsModes(unsigned char modes) {
+  PassGuard pass(*this);
+  SemGuard g(*lock_);
+  if (pass.Nested() || active_->count() != 0)
+    return 0;
+  SockEventsWrapper *w = InitSockEventsWrapper(modes, this, name_);
+  if (!w)
+    return 0;
+  if (demux_)
+    demux_->zero();
+  delete demux_;
+  demux_ = w;
+  return 1;
+}
+
+void SocketCtrl::SetNoWait(int noWait) { noWait_.store(noWait, std::memory_order_release); }
+
+void SocketCtrl::SetDefSin(sockaddr_in const *sin) {
+  if (!sin)
+    return;
+  std::lock_guard<std::mutex> m(markLock_);
+  defSin_ = *sin;
+}
+
+void SocketCtrl::GetDefSin(sockaddr_in *sin) {
+  if (!sin)
+    return;
+  std::lock_guard<std::mutex> m(markLock_);
+  *sin = defSin_;
+}
+
+void SocketCtrl::SetTxtMode() { txtMode_.store(1, std::memory_order_release); }
+void SocketCtrl::SetBinMode() { txtMode_.store(0, std::memory_order_release); }
+
+int SocketCtrl::Wait(char const *who) { return lock_->Wait(1, who); }
+int SocketCtrl::Signal(char const *who) { return lock_->Signal(who); }
+
+SOCKET SocketCtrl::Resolve(unsigned int sock) const {
+  return sock == kNone ? master_.load(std::memory_order_acquire) : sock;
+}
+
+// --- Registration ---------------------------------------------------------------
+
+bool SocketCtrl::DemuxSet(SOCKET s) {
+  if (!demux_)
+    return true;
+  if (waiting_) {
+    demuxPending_.emplace_back(s, true);
+    return true;
+  }
+  return demux_->set(s, nullptr, static_cast<int>(kSewRead)) != 0;
+}
+
+void SocketCtrl::DemuxClr(SOCKET s) {
+  if (!demux_)
+    return;
+  if (waiting_)
+    demuxPending_.emplace_back(s, false);
+  else
+    demux_->clr(s);
+}
+
+void SocketCtrl::ApplyDemuxChanges() {
+  if (demux_) {
+    for (auto const &[s, add] : demuxPending_) {
+      if (add && !demux_->set(s, nullptr, static_cast<int>(kSewRead)))
+        closeSSock(s);  // the backend is full (select): the socket cannot be watched
+      else if (!add)
+        demux_->clr(s);
+    }
+  }
+  demuxPending_.clear();
+}
+
+bool SocketCtrl::AddActiveLocked(SOCKET s, bool listening) {
+  if (s == kNone)
+    return false;
+  if (!active_->isset(s)) {
+    if (active_->set(s) == 0)
+      return false;
+    if (!DemuxSet(s)) {
+      active_->clr(s);  // e.g. select's 2048 sockets: refuse rather than hold it unwatched
+      return false;
+    }
+  }
+  if (listening && !listen_->isset(s) && listen_->set(s) == 0) {
+    active_->clr(s);
+    DemuxClr(s);
+    return false;
+  }
+  return true;
+}
+
+int SocketCtrl::AddActiveSock(SOCKET s, int listening) {
+  SemGuard g(*lock_);
+  return AddActiveLocked(s, listening != 0) ? 1 : 0;
+}
+
+// --- Making sockets ---------------------------------------------------------------
+
+// The socket of a connect or listen: 0 refuses (blank protocol, or a stream
+// socket on a datagram controller), otherwise the handle (kNone on failure).
+int SocketCtrl::MakeSocket(char const *proto, bool *udp) {
+  *udp = IsUdpProto(proto);
+  if (!*udp && IsUDP())
+    return -1;
+  int number = sp::SockProtocolByName(*udp ? "udp" : proto);
+  if (number < 0)
+    number = 0;
+  SOCKET s = sp::SockOpen(*udp ? sp::kSockDatagram : sp::kSockStream, number);
+  return s == kNone ? -1 : static_cast<int>(s);
+}
+
+int SocketCtrl::connect(char const *host, char const *proto, int port, char const *service,
+                        unsigned int *outSock, char const *bindAddr, int wait, int makeMaster) {
+  if (outSock)
+    *outSock = kNone;
+  if (comp_branco(proto) || !isSockOk())
+    return 0;
+  bool udp = IsUdpProto(proto);
+  if (!udp && IsUDP())
+    return 0;
+  if (comp_branco(host)) {
+    if (!udp)
+      return 0;
+    host = "0.0.0.0";
+  }
+  unsigned addr = IPStrToLong(host);
+  if (addr == 0xFFFFFFFFu) {
+    addr = sp::SockResolveHost(host);
+    if (addr == 0xFFFFFFFFu)
+      return 0;
+  }
+  std::uint16_t portNet = sp::SockServicePort(service, udp ? "udp" : "tcp");
+  if (portNet == 0)
+    portNet = sp::SockHtons(static_cast<std::uint16_t>(port));
+  int level = GetLogLevel();
+  if (level >= 0)
+    _DebugNotifyOnly(level, name_, "Connect to %s:%d", host, static_cast<int>(sp::SockNtohs(portNet)));
+
+  int made = MakeSocket(proto, &udp);
+  if (made < 0)
+    return 0;
+  SOCKET s = static_cast<SOCKET>(made);
+  unsigned bindTo = IPStrToLong(bindAddr);
+  if (bindTo != 0xFFFFFFFFu) {
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = bindTo;
+    if (sp::SockBind(s, &local) != 0) {
+      _closesocket(s);
+      return 0;
+    }
+  }
+  if (!wait) {
+    sp::SockSetNonBlocking(s);
+  } else {
+    SemGuard g(*lock_);
+    if (!AddActiveLocked(s, false)) {
+      _closesocket(s);
+      return 0;
+    }
+  }
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_port = portNet;
+  peer.sin_addr.s_addr = addr;
+  if (!udp && sp::SockConnect(s, &peer) != 0) {
+    bool inProgress = !wait && SocketWouldBlock(-1);
+    if (!inProgress) {
+      {
+        SemGuard g(*lock_);
+        RemoveActiveSock(s, 0, 0, 0);
+      }
+      _closesocket(s);
+      return 0;
+    }
+  }
+  SetDefSin(&peer);
+  SemGuard g(*lock_);
+  if (outSock)
+    *outSock = s;
+  if (GetMasterSocket() != kNone && !makeMaster)
+    return 1;
+  master_.store(s, std::memory_order_release);
+  masterRdy_.store(wait ? 1 : 0, std::memory_order_release);
+  if (udp)
+    udp_.store(1, std::memory_order_release);
+  return 1;
+}
+
+int SocketCtrl::listen(char const *proto, int backlog, int port, char const *localAddr, char const *service,
+                       unsigned int *outSock, int noListen, int *outPort) {
+  if (outSock)
+    *outSock = kNone;
+  if (outPort)
+    *outPort = 0;
+  if (comp_branco(proto) || !isSockOk())
+    return 0;
+  bool udp = false;
+  int made = MakeSocket(proto, &udp);
+  if (made < 0)
+    return 0;
+  SOCKET s = static_cast<SOCKET>(made);
+  unsigned local = IPStrToLong(localAddr);
+  if (local == 0xFFFFFFFFu)
+    local = 0;  // any address
+  unsigned chosen = static_cast<unsigned>(port);
+  std::uint16_t portNet = sp::SockServicePort(service, udp ? "udp" : "tcp");
+  if (portNet != 0)
+    chosen = sp::SockNtohs(portNet);
+  else
+    portNet = sp::SockHtons(static_cast<std::uint16_t>(port));
+
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = portNet;
+  sin.sin_addr.s_addr = local;
+  bool ok = sp::SockSetOptInt(s, sp::SockOpt::kReuseAddr, 1) == 0 && sp::SockBind(s, &sin) == 0;
+  bool listening = !udp && !noListen;
+  if (ok && listening)
+    ok = sp::SockListen(s, backlog) == 0;
+  // The pass accepts only when the socket is reported ready; a connection
+  // reset in between must not block the dispatch thread in accept.
+  if (ok && listening)
+    sp::SockSetNonBlocking(s);
+  if (ok) {
+    SemGuard g(*lock_);
+    ok = AddActiveLocked(s, listening);
+    if (ok) {
+      if (GetMasterSocket() == kNone) {
+        master_.store(s, std::memory_order_release);
+        masterRdy_.store(1, std::memory_order_release);
+        udp_.store(udp ? 1 : 0, std::memory_order_release);
+      }
+    }
+  }
+  if (ok && chosen == 0)
+    ok = GetSockName(s, nullptr, 0, &chosen) == 1;
+  if (!ok) {
+    {
+      SemGuard g(*lock_);
+      RemoveActiveSock(s, 0, 0, 0);
+    }
+    _closesocket(s);
+    return 0;
+  }
+  if (outSock)
+    *outSock = s;
+  if (outPort)
+    *outPort = static_cast<int>(chosen);
+  return 1;
+}
+
+int SocketCtrl::connectMCast(sockaddr_in const *group, char const *iface, int ttl, unsigned int *outSock,
+                             int makeMaster) {
+  if (outSock)
+    *outSock = kNone;
+  if (!group || !isSockOk())
+    return 0;
+  bool udp = true;
+  int made = MakeSocket("udp", &udp);
+  if (made < 0)
+    return 0;
+  SOCKET s = static_cast<SOCKET>(made);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = group->sin_port;
+  char groupText[16];
+  GetSinIP(const_cast<sockaddr_in *>(group), groupText, 15);
+  bool ok = sp::SockSetOptInt(s, sp::SockOpt::kReuseAddr, 1) == 0 && sp::SockBind(s, &local) == 0 &&
+            ::AddMembership(groupText, iface, s) == 1 && ::SetMulticast(ttl, iface, s) == 1;
+  if (ok) {
+    SemGuard g(*lock_);
+    ok = AddActiveLocked(s, false);
+    if (ok) {
+      SetDefSin(group);
+      if (GetMasterSocket() == kNone || makeMaster) {
+        master_.store(s, std::memory_order_release);
+        masterRdy_.store(1, std::memory_order_release);
+        udp_.store(1, std::memory_order_release);
+      }
+    }
+  }
+  if (!ok) {
+    _closesocket(s);
+    return 0;
+  }
+  if (outSock)
+    *outSock = s;
+  return 1;
+}
+
+int SocketCtrl::connectMCast(char const *group, int port, char const *iface, int ttl, unsigned int *outSock,
+                             int makeMaster) {
+  if (outSock)
+    *outSock = kNone;
+  sockaddr_in sin{};
+  if (SetSockAddrIn(&sin, group, port) == 0xFFFFFFFFu)
+    return 0;
+  return connectMCast(&sin, iface, ttl, outSock, makeMaster);
+}
+
+// --- Dispatch -----------------------------------------------------------------------
+
+int SocketCtrl::accept(ISocketCtrl *cb, long seconds) {
+  Callbacks c;
+  c.obj = cb;
+  return Pass(c, seconds, false);
+}
+
+int SocketCtrl::accept(SockDataFn dataFn, SockConnectFn connectFn, SockCloseFn closeFn, int maxEvents,
+                       long seconds) {
+  Callbacks c;
+  c.dataFn = dataFn;
+  c.connectFn = connectFn;
+  c.closeFn = closeFn;
+  c.maxEvents = maxEvents;
+  return Pass(c, seconds, false);
+}
+
+int SocketCtrl::acceptUDP(ISocketCtrl *cb, long seconds) {
+  Callbacks c;
+  c.obj = cb;
+  return Pass(c, seconds, true);
+}
+
+int SocketCtrl::acceptUDP(SockUDPDataFn dataFn, SockUDPCloseFn closeFn, long seconds) {
+  Callbacks c;
+  c.udpDataFn = dataFn;
+  c.udpCloseFn = closeFn;
+  return Pass(c, seconds, true);
+}
+
+int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
+  if (!isSockOk())
+    return 0;
+  long ms = seconds < 0 ? -1 : seconds * 1000;
+  PassGuard pass(*this);
+  if (pass.Nested())
+    return -1;
+  bool canWait = false;
+  {
+    SemGuard g(*lock_);
+    canWait = demux_ != nullptr && !noWait_.load(std::memory_order_acquire);
+    waiting_ = canWait;
+  }
+  if (!canWait) {
+    // Nothing to wait on: the pass is a pause (through the clock seam).
+    sp::SleepMs(ms < 0 ? 100u : static_cast<std::uint32_t>(ms));
+    return 1;
+  }
+  // The wait runs without the lock so other threads can write, close and
+  // connect meanwhile; their registration changes are applied below.
+  int n = demux_->EventHandler(kSewRead, ms, static_cast<int>(kSewSelectMaxSockets));
+
+  SemGuard g(*lock_);
+  waiting_ = false;
+  ApplyDemuxChanges();
+  busy_ = 1;
+  if (n >= 0) {
+    ProcessWriteError(cb, udp);
+    int served = 0;
+    unsigned long events = 0;
+    for (unsigned s = n > 0 ? demux_->firstEvent(&events, nullptr, nullptr) : kNone; s != kNone;
+         s = demux_->nextEvent(&events, nullptr, nullptr)) {
+      if (!active_->isset(s) || IsClosePending(s))
+        continue;  // closed or marked earlier in this pass: no more callbacks
+      if (listen_->isset(s))
+        AcceptSocket(s, cb);
+      else if (udp)
+        ProcessUDPData(s, cb);
+      else
+        ProcessSocketData(s, cb);
+      if (cb.maxEvents > 0 && ++served >= cb.maxEvents)
+        break;
+    }
+  }
+  ProcessCloseSSocks();
+  busy_ = 0;
+  return n < 0 ? -1 : 1;
+}
+
+void SocketCtrl::ProcessWriteError(Callbacks const &cb, bool udp) {
+  std::vector<SOCKET> failed;
+  {
+    std::lock_guard<std::mutex> m(markLock_);
+    unsigned pos = 0;
+    for (unsigned s = writeError_->first(&pos); s != kNone; s = writeError_->next(&pos))
+      failed.push_back(s);
+  }
+  for (SOCKET s : failed) {
+    if (listen_->isset(s))
+      continue;
+    if (cb.obj) {
+      if (udp)
+        cb.obj->closeUDPCallback(this, s, nullptr, kReasonWriteError);
+      else
+        cb.obj->closeCallback(this, s, kReasonWriteError);
+    } else if (udp && cb.udpCloseFn) {
+      cb.udpCloseFn(this, s, nullptr, kReasonWriteError);
+    } else if (cb.closeFn) {
+      cb.closeFn(this, s, kReasonWriteError);
+    }
+    if (RemoveActiveSock(s, 0, 0, 1))
+      _closesocket(s);
+  }
+  std::lock_guard<std::mutex> m(markLock_);
+  writeError_->zero();
+}
+
+void SocketCtrl::AcceptSocket(SOCKET listenSock, Callbacks const &cb) {
+  SOCKET ns = sp::SockAccept(listenSock, nullptr);
+  if (ns == kNone)
+    return;  // the connection went away before it was taken
+  if (!AddActiveLocked(ns, false)) {
+    _closesocket(ns);
+    return;
+  }
+  int keep = 1;
+  if (cb.obj)
+    keep = cb.obj->connectCallback(this, listenSock, ns);
+  if (keep && cb.connectFn)
+    keep = cb.connectFn(this, listenSock, ns);
+  if (!keep)
+    closeSSock(ns);
+}
+
+bool SocketCtrl::Deliver(SOCKET s, Callbacks const &cb, char *data, unsigned len) {
+  if (cb.obj)
+    return cb.obj->acceptCallback(this, s, data, len) != 0;
+  if (cb.dataFn)
+    return cb.dataFn(this, s, data, len) != 0;
+  return true;
+}
+
+void SocketCtrl::CloseWithReason(SOCKET s, Callbacks const &cb, char const *reason, bool udp, sockaddr_in *from) {
+  if (udp) {
+    if (cb.obj)
+      cb.obj->closeUDPCallback(this, s, from, reason);
+    else if (cb.udpCloseFn)
+      cb.udpCloseFn(this, s, from, reason);
+  } else {
+    if (cb.obj)
+      cb.obj->closeCallback(this, s, reason);
+    else if (cb.closeFn)
+      cb.closeFn(this, s, reason);
+  }
+  if (RemoveActiveSock(s, 0, 0, 0))
+    _closesocket(s);
+}
+
+void SocketCtrl::ProcessSocketData(SOCKET s, Callbacks const &cb) {
+  bool text = IsTxtMode() != 0;
+  unsigned want = rcvBufSize_;
+  if (text) {
+    unsigned room = 0;
+    if (active_->GetTxtRoom(s, &room) && room < want)
+      want = room;
+  }
+  int r = 0;
+  if (want > 0) {
+    // Never blocks: a stale readiness (the descriptor was reused meanwhile)
+    // only yields a would-block, which is not an end of stream.
+    r = sp::SockRecv(s, rxBuf_.data(), want, false, true);
+    if (r < 0 && SocketWouldBlock(-1))
+      return;
+    if (r <= 0) {
+      CloseWithReason(s, cb, kReasonPeerClosed, false, nullptr);
+      return;
+    }
+  }
+  if (!text) {
+    if (!Deliver(s, cb, rxBuf_.data(), static_cast<unsigned>(r)))
+      CloseWithReason(s, cb, kReasonCallback, false, nullptr);
+    return;
+  }
+  if (r > 0)
+    active_->PutTxt(s, rxBuf_.data(), static_cast<unsigned>(r));
+  for (;;) {
+    int len = active_->GetTxtLine(s, lineBuf_.data(), static_cast<unsigned>(lineBuf_.size()));
+    if (len <= 0)
+      return;
+    if (!Deliver(s, cb, lineBuf_.data(), static_cast<unsigned>(len))) {
+      CloseWithReason(s, cb, kReasonCallback, false, nullptr);
+      return;
+    }
+    // A callback that closed its socket (or any closed it) gets no more lines.
+    if (!active_->isset(s) || IsClosePending(s))
+      return;
+  }
+}
+
+void SocketCtrl::ProcessUDPData(SOCKET s, Callbacks const &cb) {
+  sockaddr_in from{};
+  int r = sp::SockRecvFrom(s, rxBuf_.data(), rcvBufSize_, &from, true);
+  if (r < 0 && SocketWouldBlock(-1))
+    return;
+  if (r < 0) {
+    // A datagram socket reports an earlier send's failure (port unreachable)
+    // on its next read; that is not the end of the socket.
+    return;
+  }
+  int keep = 1;
+  if (cb.obj)
+    keep = cb.obj->acceptUDPCallback(this, s, &from, rxBuf_.data(), static_cast<unsigned>(r));
+  else if (cb.udpDataFn)
+    keep = cb.udpDataFn(this, s, &from, rxBuf_.data(), static_cast<unsigned>(r));
+  if (!keep)
+    CloseWithReason(s, cb, kReasonCallback, true, &from);
+}
+
+void SocketCtrl::ProcessCloseSSocks() {
+  std::vector<SOCKET> pending;
+  {
+    std::lock_guard<std::mutex> m(markLock_);
+    if (closePending_->count() == 0)
+      return;
+    unsigned pos = 0;
+    for (unsigned s = closePending_->first(&pos); s != kNone; s = closePending_->next(&pos))
+      pending.push_back(s);
+  }
+  for (SOCKET s : pending) {
+    if (RemoveActiveSock(s, 0, 1, 0))
+      _closesocket(s);
+  }
+  std::lock_guard<std::mutex> m(markLock_);
+  for (SOCKET s : pending)
+    closePending_->clr(s);
+}
+
+int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, long timeout, unsigned int *outSock,
+                        sockaddr_in *from) {
+  if (outSock)
+    *outSock = kNone;
+  if (!buf || size == 0 || !isSockOk())
+    return -1;
+  long ms = timeout < 0 ? -1 : timeout * 1000;
+  PassGuard pass(*this);
+  if (pass.Nested())
+    return -1;
+  SOCKET ready = kNone;
+  bool listening = false;
+  {
+    SemGuard g(*lock_);
+    if (!demux_ || noWait_.load(std::memory_order_acquire)) {
+      ready = GetMasterSocket();
+      if (ready == kNone)
+        return -1;
+    } else {
+      waiting_ = true;
+    }
+  }
+  if (ready == kNone) {
+    int n = demux_->EventHandler(kSewRead, ms, static_cast<int>(kSewSelectMaxSockets));
+    SemGuard g(*lock_);
+    waiting_ = false;
+    ApplyDemuxChanges();
+    if (n < 0)
+      return -1;
+    unsigned long events = 0;
+    for (unsigned s = n > 0 ? demux_->firstEvent(&events, nullptr, nullptr) : kNone; s != kNone;
+         s = demux_->nextEvent(&events, nullptr, nullptr)) {
+      if (active_->isset(s) && !IsClosePending(s)) {
+        ready = s;
+        listening = listen_->isset(s) != 0;
+        break;
+      }
+    }
+    if (ready == kNone)
+      return 0;
+  } else {
+    int w = WaitOne(ready, 1u, ms);
+    if (w < 0)
+      return -1;
+    if (w == 0)
+      return 0;
+  }
+  if (listening) {
+    SOCKET ns = sp::SockAccept(ready, nullptr);
+    if (ns == kNone)
+      return 0;
+    SemGuard g(*lock_);
+    if (!AddActiveLocked(ns, false)) {
+      _closesocket(ns);
+      return 0;
+    }
+    if (outSock)
+      *outSock = ns;
+    return 0;
+  }
+  if (outSock)
+    *outSock = ready;
+  int r = so_read(buf, size, from, ready, all);
+  if (r > 0)
+    return r;
+  if (r < 0 && SocketWouldBlock(-1))
+    return 0;
+  if (!keepOpen) {
+    SemGuard g(*lock_);
+    if (RemoveActiveSock(ready, 0, 0, 0))
+      _closesocket(ready);
+  }
+  return -1;
+}
+
+int SocketCtrl::read(char *buf, unsigned int size, sockaddr_in *from, unsigned int sock, int all) {
+  return so_read(buf, size, from, Resolve(sock), all);
+}
+
+int SocketCtrl::readLine(char *buf, unsigned int size, unsigned int sock) {
+  return so_readLine(buf, size, Resolve(sock));
+}
+
+int SocketCtrl::readInt(unsigned int sock) { return so_readInt(Resolve(sock)); }
+
+int SocketCtrl::getmsg(char *buf, unsigned int size, long timeout, unsigned int sock) {
+  SOCKET s = Resolve(sock);
+  if (!buf || size == 0 || s == kNone)
+    return -1;
+  buf[0] = '\0';
+  int w = WaitOne(s, 1u, timeout < 0 ? -1 : timeout * 1000);
+  if (w < 0)
+    return -1;
+  if (w == 0)
+    return 0;
+  if (!so_readLine(buf, size, s))
+    return -1;
+  return static_cast<int>(std::strlen(buf));
+}
+
+// --- Writing ---------------------------------------------------------------------
+
+int SocketCtrl::_write(char const *buf, unsigned int n, unsigned int sock, int /*mode*/, int all, int markError,
+                       int markOnBlock, int *err, int datagram, int retry, sockaddr_in *to) {
+  if (err)
+    *err = 0;
+  if (!buf)
+    return -1;
+  if (n == 0)
+    n = static_cast<unsigned>(std::strlen(buf));
+  SOCKET s = Resolve(sock);
+  if (s == kNone || n == 0)
+    return -1;
+  sockaddr_in dest{};
+  if (datagram) {
+    if (to)
+      dest = *to;
+    else
+      GetDefSin(&dest);
+  }
+  unsigned total = 0;
+  int lastErr = 0;
+  int retries = 0;
+  for (;;) {
+    int r;
+    if (datagram) {
+      r = sp::SockSendTo(s, buf, n, &dest);
+      if (r >= 0 && static_cast<unsigned>(r) < n) {
+        sp::SockSetLastError(11);  // a datagram sent short is lost: try again later
+        r = -1;
+      }
+    } else {
+      r = sp::SockSend(s, buf + total, n - total);
+    }
+    if (r > 0) {
+      total += static_cast<unsigned>(r);
+      if (!all || total >= n)
+        break;
+      continue;
+    }
+    lastErr = r < 0 ? sp::SockLastError() : 0;
+    bool wouldBlock = r < 0 && SocketWouldBlock(lastErr);
+    if (all && retry && !markOnBlock && wouldBlock && ++retries < kMaxRetries) {
+      WaitOne(s, 2u, 1);
+      continue;
+    }
+    if (!datagram && r < 0 && (wouldBlock ? markOnBlock : markError))
+      MarkWriteError(s);
+    break;
+  }
+  if (err)
+    *err = lastErr;
+  if (total == 0 && lastErr != 0 && !SocketWouldBlock(lastErr))
+    return -1;
+  return static_cast<int>(total);
+}
+
+int SocketCtrl::write(char const *buf, unsigned int n, unsigned int sock, int all, int markError, int datagram,
+                      int retry, sockaddr_in *to) {
+  SOCKET s = Resolve(sock);
+  if (!buf || n == 0 || s == kNone || !CanSendData(s))
+    return -1;
+  int dgram = datagram == -1 ? IsUDP() : datagram;
+  SockOptions o;
+  if (!GetSockOptions(s, &o))
+    return _write(buf, n, s, 0, all, markError, 0, nullptr, dgram, retry, to);
+
+  bool queued = o.Queued() && queue_ != nullptr && !dgram;
+  if (queued) {
+    // Byte order on the connection: while older bytes wait in the queue, new
+    // ones go behind them.
+    queue_->SendQueuedData(0, s);
+    if (queue_->HasData(s))
+      return static_cast<int>(EnqueueData(s, buf, n));
+  }
+  unsigned allow = n;
+  if (o.Accounting() && o.rateLimit) {
+    WaitSockOpt();
+    SockOptions cur;
+    if (GetSockOptions(s, &cur)) {
+      allow = cur.Allowance(n, sp::NowSeconds());
+      UpdateSockOptions(s, &cur);
+    }
+    SignalSockOpt();
+    // Only a stream whose rest can wait in the queue is cut to the
+    // allowance; anything else goes whole or not at all.
+    if (allow < n && !queued)
+      allow = 0;
+  }
+  int err = 0;
+  int sent = 0;
+  if (allow > 0) {
+    sent = _write(buf, allow, s, 0, all, markError, 0, &err, dgram, queued ? 0 : retry, to);
+    if (sent > 0 && o.Accounting()) {
+      WaitSockOpt();
+      SockOptions cur;
+      if (GetSockOptions(s, &cur)) {
+        cur.Count(static_cast<unsigned>(sent), sp::NowSeconds());
+        UpdateSockOptions(s, &cur);
+      }
+      SignalSockOpt();
+    }
+  }
+  unsigned done = sent > 0 ? static_cast<unsigned>(sent) : 0;
+  if (queued && done < n && (err == 0 || SocketWouldBlock(err)))
+    return static_cast<int>(done + EnqueueData(s, buf + done, n - done));
+  return sent;
+}
+
+int SocketCtrl::writeLine(char const *text, unsigned int sock, EolFormat eol) {
+  if (!text)
+    return 0;
+  std::size_t len = std::min<std::size_t>(std::strlen(text), kMaxLine);
+  std::vector<char> line(text, text + len);
+  if (eol == EOL_CRLF)
+    line.push_back('\r');
+  line.push_back('\n');
+  unsigned n = static_cast<unsigned>(line.size());
+  return write(line.data(), n, sock, 1, 1, -1, 0, nullptr) == static_cast<int>(n) ? 1 : 0;
+}
+
+int SocketCtrl::writeFrag(char const *buf, unsigned int n, unsigned int fragSize, unsigned int sock,
+                          sockaddr_in *to) {
+  if (!buf || n == 0)
+    return -1;
+  if (fragSize == 0) {
+    int max = GetMaxMsgSize(sock);
+    fragSize = max > 0 ? static_cast<unsigned>(max) : kDefaultFrag;
+  }
+  unsigned total = 0;
+  while (total < n) {
+    unsigned piece = std::min(fragSize, n - total);
+    int r = write(buf + total, piece, sock, 1, 1, -1, 0, to);
+    if (r > 0)
+      total += static_cast<unsigned>(r);
+    if (r != static_cast<int>(piece))
+      break;
+  }
+  return total > 0 ? static_cast<int>(total) : -1;
+}
+
+int SocketCtrl::_writeto(char const *buf, int len, sockaddr_in *to, unsigned int sock) {
+  return so_writeto(buf, len, to, Resolve(sock));
+}
+
+bool SocketCtrl::IsClosePending(SOCKET s) {
+  std::lock_guard<std::mutex> m(markLock_);
+  return closePending_->isset(s) != 0;
+}
+
+void SocketCtrl::MarkWriteError(SOCKET s) {
+  std::lock_guard<std::mutex> m(markLock_);
+  if (!writeError_->isset(s))
+    writeError_->set(s);
+}
+
+int SocketCtrl::CanSendData(unsigned int sock) {
+  SOCKET s = Resolve(sock);
+  if (s == kNone)
+    return 0;
+  std::lock_guard<std::mutex> m(markLock_);
+  return writeError_->isset(s) || closePending_->isset(s) ? 0 : 1;
+}
+
+int SocketCtrl::isSockSndBufFull(unsigned int sock) {
+  SOCKET s = Resolve(sock);
+  return queue_ && s != kNone && queue_->HasData(s) ? 1 : 0;
+}
+
+unsigned int SocketCtrl::GetSndQueuedDataSize(unsigned int sock, unsigned int *count) {
+  if (count)
+    *count = 0;
+  SOCKET s = Resolve(sock);
+  if (!queue_ || s == kNone)
+    return 0;
+  return queue_->GetSendQueueSize(s, count);
+}
+
+unsigned int SocketCtrl::EnqueueData(unsigned int sock, char const *data, unsigned int n) {
+  SOCKET s = Resolve(sock);
+  SockOptions o;
+  if (!queue_ || s == kNone || !data || n == 0 || !GetSockOptions(s, &o) || !o.Queued())
+    return 0;
+  if (!o.framed)
+    return queue_->insert(s, data, n, o.maxQueue, this, 0);
+  // A framed socket's queue holds whole messages: [length][bytes], each in a
+  // slot of its own so a message never straddles two reads of the sender.
+  std::vector<char> msg(4 + n);
+  std::uint32_t len = n;
+  std::memcpy(msg.data(), &len, 4);
+  std::memcpy(msg.data() + 4, data, n);
+  return queue_->insert(s, msg.data(), 4 + n, o.maxQueue, this, 1) == 4 + n ? n : 0;
+}
+
+// --- Per-socket options ------------------------------------------------------------
+
+int SocketCtrl::SetMaxSendQueue(unsigned int maxBytes, int framed, unsigned int sock) {
+  SOCKET s = Resolve(sock);
+  if (s == kNone)
+    return 0;
+  SemGuard g(*optLock_);
+  SockOptions &o = options_[s];
+  o.maxQueue = maxBytes;
+  o.framed = framed ? 1 : 0;
+  return 1;
+}
+
+int SocketCtrl::SetBytesCount(int on, unsigned int bytesPerSecond, unsigned int sock) {
+  SOCKET s = Resolve(sock);
+  if (s == kNone)
+    return 0;
+  SemGuard g(*optLock_);
+  SockOptions &o = options_[s];
+  o.countOn = (on || bytesPerSecond) ? 1 : 0;
+  o.rateLimit = bytesPerSecond;
+  o.countStart = 0;
+  o.SetSent(0);
+  o.SetSecond(0);
+  o.secondBytes = 0;
+  return 1;
+}
+
+unsigned int SocketCtrl::GetBitRate(int reset, unsigned int sock) {
+  SOCKET s = Resolve(sock);
+  if (s == kNone)
+    return 0;
+  SemGuard g(*optLock_);
+  auto it = options_.find(s);
+  if (it == options_.end() || it->second.countStart == 0)
+    return 0;
+  SockOptions &o = it->second;
+  std::uint32_t now = static_cast<std::uint32_t>(sp::NowSeconds());
+  std::uint32_t elapsed = now - o.countStart;  // modulo 2^32, like the stored start
+  if (elapsed == 0)
+    elapsed = 1;
+  std::uint64_t bits = o.Sent() * 8 / elapsed;
+  if (reset) {
+    o.countStart = 0;
+    o.SetSent(0);
+  }
+  return bits > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<unsigned>(bits);
+}
+
+void SocketCtrl::InitSockOptVector() {
+  SemGuard g(*optLock_);
+  options_.clear();
+}
+
+int SocketCtrl::GetSockOptions(unsigned int sock, SockOptions *out) {
+  SemGuard g(*optLock_);
+  auto it = options_.find(sock);
+  if (it == options_.end())
+    return 0;
+  if (out)
+    *out = it->second;
+  return 1;
+}
+
+int SocketCtrl::UpdateSockOptions(unsigned int sock, SockOptions const *opts) {
+  if (sock == kNone || !opts)
+    return 0;
+  SemGuard g(*optLock_);
+  options_[sock] = *opts;
+  return 1;
+}
+
+void SocketCtrl::WaitSockOpt() { optLock_->Wait(1); }
+void SocketCtrl::SignalSockOpt() { optLock_->Signal(); }
+
+// --- Completing a connection ---------------------------------------------------------
+
+int SocketCtrl::TestWriteSock(unsigned int sock, unsigned int seconds, int activate) {
+  SOCKET s = Resolve(sock);
+  if (s == kNone)
+    return 0;
+  // The wait is for the connection, so it is a readiness wait with the
+  // time-out as its limit, not a timed sleep.
+  int w = WaitOne(s, 2u, static_cast<long>(seconds) * 1000);
+  int err = 0;
+  bool ok = w > 0 && !(w & 4) && sp::SockGetOptInt(s, sp::SockOpt::kError, &err) == 0 && err == 0;
+  SemGuard g(*lock_);
+  if (ok && activate && !AddActiveLocked(s, false))
+    ok = false;
+  if (ok && s == GetMasterSocket())
+    masterRdy_.store(1, std::memory_order_release);
+  if (ok)
+    return 1;
+  if (!busy_) {
+    RemoveActiveSock(s, 0, 0, 0);
+    _closesocket(s);
+  } else if (active_->isset(s)) {
+    closeSSock(s);
+  } else {
+    _closesocket(s);
+  }
+  if (s == GetMasterSocket()) {
+    master_.store(kNone, std::memory_order_release);
+    masterRdy_.store(0, std::memory_order_release);
+  }
+  return 0;
+}
+
+// --- Options -------------------------------------------------------------------------
+
+int SocketCtrl::GetMaxMsgSize(unsigned int sock) { return ::GetMaxMsgSize(Resolve(sock)); }
+int SocketCtrl::GetRcvBufSize(unsigned int sock) { return ::GetRcvBufSize(Resolve(sock)); }
+int SocketCtrl::GetSndBufSize(unsigned int sock) { return ::GetSndBufSize(Resolve(sock)); }
+int SocketCtrl::SetRcvBufSize(int bytes, unsigned int sock) {
+  return ::SetRcvBufSize(static_cast<unsigned>(bytes), Resolve(sock));
+}
+int SocketCtrl::SetSndBufSize(int bytes, unsigned int sock) {
+  return ::SetSndBufSize(static_cast<unsigned>(bytes), Resolve(sock));
+}
+int SocketCtrl::SetTCPNoDelay(int on, unsigned int sock) { return ::SetTCPNoDelay(on, Resolve(sock)); }
+int SocketCtrl::SetMulticast(int ttl, char const *iface, unsigned int sock) {
+  return ::SetMulticast(ttl, iface, Resolve(sock));
+}
+int SocketCtrl::AddMembership(char const *group, char const *iface, unsigned int sock) {
+  return ::AddMembership(group, iface, Resolve(sock));
+}
+int SocketCtrl::DropMembership(char const *group, char const *iface, unsigned int sock) {
+  return ::DropMembership(group, iface, Resolve(sock));
+}
+int SocketCtrl::set_non_blocking(unsigned int sock) { return ::set_non_blocking(Resolve(sock)); }
+int SocketCtrl::set_dont_linger(unsigned int sock) { return ::set_dont_linger(Resolve(sock)); }
+
+// --- Closing -------------------------------------------------------------------------
+
+void SocketCtrl::closeSSock(unsigned int sock) {
+  SOCKET s = Resolve(sock);
+  if (s == kNone)
+    return;
+  std::lock_guard<std::mutex> m(markLock_);
+  if (!closePending_->isset(s))
+    closePending_->set(s);
+}
+
+int SocketCtrl::RemoveActiveSock(unsigned int sock, int lock, int keepClosePending, int keepWriteError) {
+  SOCKET s = Resolve(sock);
+  if (s == kNone)
+    return 0;
+  if (lock)
+    lock_->Wait(1);
+  int was = active_->isset(s) ? 1 : 0;
+  if (was) {
+    if (queue_)
+      queue_->erase(s);
+    {
+      SemGuard og(*optLock_);
+      options_.erase(s);
+    }
+    RemoveListenSock(s);
+    active_->clr(s);
+    DemuxClr(s);
+    {
+      std::lock_guard<std::mutex> m(markLock_);
+      if (!keepClosePending)
+        closePending_->clr(s);
+      if (!keepWriteError)
+        writeError_->clr(s);
+    }
+    if (s == GetMasterSocket()) {
+      master_.store(kNone, std::memory_order_release);
+      masterRdy_.store(0, std::memory_order_release);
+    }
+  }
+  if (lock)
+    lock_->Signal();
+  return was;
+}
+
+int SocketCtrl::close(unsigned int sock, int defer) {
+  SemGuard g(*lock_);
+  if (busy_ || defer) {
+    if (sock == kNone) {
+      for (SOCKET s : ActiveSnapshot())
+        closeSSock(s);
+      return 1;
+    }
+    closeSSock(sock);
+    return 1;
+  }
+  if (sock == kNone) {
+    CloseAll();
+    return 1;
+  }
+  if (!RemoveActiveSock(sock, 0, 1, 1))
+    return 0;
+  _closesocket(sock);
+  {
+    std::lock_guard<std::mutex> m(markLock_);
+    closePending_->clr(sock);
+    writeError_->clr(sock);
+  }
+  return 1;
+}
+
+int SocketCtrl::closesocket(unsigned int sock) {
+  SOCKET s = Resolve(sock);
+  if (s == kNone)
+    return 0;
+  if (IsConnected(s))
+    return close(s, 0);
+  SemGuard g(*lock_);
+  if (s == GetMasterSocket()) {
+    master_.store(kNone, std::memory_order_release);
+    masterRdy_.store(0, std::memory_order_release);
+  }
+  return _closesocket(s) == 0 ? 1 : 0;
+}
+
+// By position, not through the set's cursor: the cursor belongs to the
+// demultiplexer's walk of a pass, which this may run inside of.
+std::vector<SOCKET> SocketCtrl::ActiveSnapshot() {
+  std::vector<SOCKET> all;
+  int n = active_->count();
+  all.reserve(static_cast<size_t>(n));
+  for (int i = 1; i <= n; ++i)
+    all.push_back(active_->getfd(static_cast<unsigned>(i)));
+  return all;
+}
+
+void SocketCtrl::CloseAll() {
+  // Data queued for a socket that never became active (a connection in
+  // progress, for one) must not outlive the controller in the queue.
+  if (queue_) {
+    std::vector<SOCKET> withOptions;
+    {
+      SemGuard og(*optLock_);
+      for (auto const &entry : options_)
+        withOptions.push_back(entry.first);
+    }
+    for (SOCKET s : withOptions)
+      queue_->erase(s);
+  }
+  InitSockOptVector();
+  std::vector<SOCKET> all = ActiveSnapshot();
+  SOCKET master = GetMasterSocket();
+  // A connection still in progress is held only as the master socket.
+  if (master != kNone && !active_->isset(master))
+    _closesocket(master);
+  ResetActiveSocks();
+  for (SOCKET s : all)
+    _closesocket(s);
+  {
+    std::lock_guard<std::mutex> m(markLock_);
+    closePending_->zero();
+    writeError_->zero();
+  }
+  master_.store(kNone, std::memory_order_release);
+  masterRdy_.store(0, std::memory_order_release);
+}
+
+void SocketCtrl::ResetActiveSocks() {
+  SemGuard g(*lock_);
+  std::vector<SOCKET> all = ActiveSnapshot();
+  for (SOCKET s : all) {
+    if (queue_)
+      queue_->erase(s);
+    DemuxClr(s);
+  }
+  {
+    SemGuard og(*optLock_);
+    for (SOCKET s : all)
+      options_.erase(s);
+  }
+  active_->zero();
+  listen_->zero();
+}
+
+int SocketCtrl::RemoveListenSock(unsigned int sock) {
+  SOCKET s = Resolve(sock);
+  SemGuard g(*lock_);
+  if (s == kNone || !listen_->isset(s))
+    return 0;
+  listen_->clr(s);
+  return 1;
+}

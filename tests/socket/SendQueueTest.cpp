@@ -1,0 +1,299 @@
+// SendQueue with its thread, behind SocketCtrl::write, on loopback.
+#include "socket/SendQueue.h"
+
+#include "platform/Clock.h"
+#include "socket/SocketCtrl.h"
+#include "socket/SocketPrimitives.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using shared::platform::ManualClock;
+using shared::platform::ScopedClockSource;
+constexpr auto kDeadline = std::chrono::seconds(30);
+
+class Accepter final : public ISocketCtrl {
+public:
+  std::vector<unsigned> accepted;
+  int connectCallback(SocketCtrl *, unsigned, unsigned s) override {
+    accepted.push_back(s);
+    return 1;
+  }
+};
+
+// Records the chunks the queue sends.
+class ChunkLog final : public ISendQueueDump {
+public:
+  void Dump(unsigned, char const *, unsigned len, int sent) override {
+    std::lock_guard<std::mutex> g(mutex);
+    (sent ? sends : inserts).push_back(len);
+  }
+  std::vector<unsigned> Sends() {
+    std::lock_guard<std::mutex> g(mutex);
+    return sends;
+  }
+  std::mutex mutex;
+  std::vector<unsigned> sends;
+  std::vector<unsigned> inserts;
+};
+
+// A server controller with one accepted, non-blocking connection whose
+// client has a small receive buffer (so writes soon have to be queued).
+struct Link {
+  SocketCtrl srv;
+  Accepter acc;
+  std::vector<int> clients;
+  int port = 0;
+
+  explicit Link(SendQueue *q) : srv(q, 1, 65535, 0, 1, "sq") {
+    unsigned ls = 0;
+    EXPECT_EQ(1, srv.listen("tcp", 16, 0, "127.0.0.1", nullptr, &ls, 0, &port));
+  }
+  ~Link() {
+    for (int fd : clients)
+      ::close(fd);
+  }
+  // Connects one more client; returns the server side of it.
+  unsigned Add() {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    int small = 4096;
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)));
+    clients.push_back(fd);
+    size_t before = acc.accepted.size();
+    auto end = Clock::now() + kDeadline;
+    while (acc.accepted.size() == before && Clock::now() < end)
+      srv.accept(&acc, 1);
+    EXPECT_GT(acc.accepted.size(), before);
+    unsigned s = acc.accepted.back();
+    EXPECT_EQ(1, srv.set_non_blocking(s));
+    EXPECT_EQ(1, srv.SetSndBufSize(4096, s));
+    return s;
+  }
+};
+
+// Reads exactly n bytes from fd (or what came before the deadline).
+std::string ReadN(int fd, size_t n) {
+  std::string out;
+  auto end = Clock::now() + kDeadline;
+  while (out.size() < n && Clock::now() < end) {
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, 100) <= 0)
+      continue;
+    char buf[8192];
+    ssize_t r = ::recv(fd, buf, std::min(sizeof(buf), n - out.size()), 0);
+    if (r <= 0)
+      break;
+    out.append(buf, static_cast<size_t>(r));
+  }
+  return out;
+}
+
+bool NothingToRead(int fd) {
+  pollfd p{fd, POLLIN, 0};
+  return ::poll(&p, 1, 200) == 0;
+}
+
+std::string Pattern(size_t n, unsigned seed) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i)
+    s[i] = static_cast<char>((i * 131 + seed) % 251);
+  return s;
+}
+
+template <typename Pred>
+bool WaitFor(Pred pred) {
+  auto end = Clock::now() + kDeadline;
+  while (!pred()) {
+    if (Clock::now() > end)
+      return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+TEST(SendQueue, InsertRefusalsAndEmptyPasses) {
+  SendQueue q(4096, 16, 16);
+  ASSERT_EQ(1, q.IsOk());
+  SocketCtrl c(&q, 0, 0, 1, 0, "c");
+  EXPECT_EQ(0u, q.insert(5, "x", 0, 100, &c, 0));
+  EXPECT_EQ(0u, q.insert(5, "x", 1, 100, nullptr, 0));
+  EXPECT_EQ(0u, q.insert(SocketCtrl::kNoSocket, "x", 1, 100, &c, 0));
+  EXPECT_EQ(0u, q.insert(5, nullptr, 1, 100, &c, 0));
+  EXPECT_EQ(0u, q.insert(5, "x", 1, 0, &c, 0));
+  EXPECT_EQ(1, q.SendQueuedData(0, 5));  // nothing queued: all done
+  EXPECT_EQ(1, q.SendQueuedData(0, SocketCtrl::kNoSocket));
+  unsigned count = 9;
+  EXPECT_EQ(0u, q.GetSendQueueSize(SocketCtrl::kNoSocket, &count));
+  EXPECT_EQ(0u, count);
+  // Descriptor 0 is a socket like any other (the queue offsets its ids).
+  EXPECT_EQ(3u, q.insert(0, "abc", 3, 100, &c, 0));
+  EXPECT_EQ(3u, q.GetSendQueueSize(0, &count));
+  EXPECT_EQ(1, q.erase(0));
+  EXPECT_EQ(0, q.HasData(0));
+}
+
+TEST(SendQueue, StopAndStartTheThread) {
+  SendQueue q(4096, 16, 16);
+  SocketCtrl c(&q, 0, 0, 1, 0, "c");
+  EXPECT_EQ(0, q.StartSendQueueThread());  // one runs already
+  // Data for a socket that never turns writable keeps the thread in its
+  // wait; the stop must still end it.
+  int fds[2];
+  ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+  char fill[4096] = {};
+  while (::send(fds[0], fill, sizeof(fill), MSG_DONTWAIT) > 0) {
+  }
+  EXPECT_EQ(1u, q.insert(static_cast<unsigned>(fds[0]), "x", 1, 100, &c, 0));
+  q.StopSendQueueThread();
+  EXPECT_EQ(0, q.IsOk());
+  EXPECT_EQ(0u, q.insert(5, "x", 1, 100, &c, 0));
+  q.StopSendQueueThread();  // twice is harmless
+  EXPECT_EQ(1, q.StartSendQueueThread());
+  EXPECT_EQ(1, q.IsOk());
+  EXPECT_EQ(1u, q.insert(5, "x", 1, 100, &c, 0));
+  q.erase(5);
+  q.erase(static_cast<unsigned>(fds[0]));
+  ::close(fds[0]);
+  ::close(fds[1]);
+}
+
+TEST(SendQueue, SlowReceiverGetsEveryByteOnceAndInOrder) {
+  SendQueue q(4096, 64, 64);
+  Link link(&q);
+  unsigned s = link.Add();
+  ASSERT_EQ(1, link.srv.SetMaxSendQueue(8u << 20, 0, s));
+  std::string const data = Pattern(64 * 1024, 7);
+  size_t const chunk = 3000;
+  bool queuedSome = false;
+  for (size_t off = 0; off < data.size(); off += chunk) {
+    unsigned n = static_cast<unsigned>(std::min(chunk, data.size() - off));
+    ASSERT_EQ(static_cast<int>(n), link.srv.write(data.data() + off, n, s, 1, 1, 0, 0, nullptr));
+    queuedSome = queuedSome || link.srv.isSockSndBufFull(s);
+  }
+  EXPECT_TRUE(queuedSome);
+  unsigned count = 0;
+  EXPECT_GT(link.srv.GetSndQueuedDataSize(s, &count), 0u);
+  std::string got = ReadN(link.clients[0], data.size());
+  ASSERT_EQ(data.size(), got.size());
+  EXPECT_TRUE(got == data) << "bytes lost, repeated or reordered";
+  EXPECT_TRUE(WaitFor([&] { return !link.srv.isSockSndBufFull(s); }));
+  EXPECT_TRUE(NothingToRead(link.clients[0]));
+}
+
+TEST(SendQueue, RateLimitSpreadsARecordOverSeconds) {
+  ManualClock clock(1700000000, 1000, false);
+  ScopedClockSource use(clock);
+  SendQueue q(4096, 64, 64);
+  Link link(&q);
+  unsigned s = link.Add();
+  ASSERT_EQ(1, link.srv.SetMaxSendQueue(100000, 0, s));
+  ASSERT_EQ(1, link.srv.SetBytesCount(1, 1000, s));
+  std::string const data = Pattern(3000, 3);
+  // 1000 bytes go out at once, the rest waits in the queue.
+  ASSERT_EQ(3000, link.srv.write(data.data(), 3000, s, 1, 1, 0, 0, nullptr));
+  int fd = link.clients[0];
+  EXPECT_EQ(data.substr(0, 1000), ReadN(fd, 1000));
+  unsigned count = 0;
+  EXPECT_EQ(2000u, link.srv.GetSndQueuedDataSize(s, &count));
+  // Further passes within the same second send nothing.
+  EXPECT_EQ(0, q.SendQueuedData(0, s));
+  EXPECT_TRUE(NothingToRead(fd));
+  EXPECT_EQ(2000u, link.srv.GetSndQueuedDataSize(s, &count));
+  for (int second = 1; second <= 2; ++second) {
+    clock.Advance(1000);
+    EXPECT_EQ(data.substr(static_cast<size_t>(second) * 1000, 1000), ReadN(fd, 1000));
+  }
+  EXPECT_TRUE(WaitFor([&] { return !link.srv.isSockSndBufFull(s); }));
+  // 3000 bytes counted over the 2 seconds since the first one.
+  EXPECT_EQ(3000u * 8 / 2, link.srv.GetBitRate(0, s));
+}
+
+TEST(SendQueue, FramedRecordsGoOutMessageByMessage) {
+  SendQueue q(4096, 64, 64);
+  ChunkLog dump;
+  q.SetDebugDump(&dump);
+  q.SetDebug(1);
+  Link link(&q);
+  unsigned s = link.Add();
+  ASSERT_EQ(1, link.srv.SetMaxSendQueue(100000, 1, s));
+  std::string rec;
+  std::string const m1 = Pattern(10, 1), m2 = Pattern(20, 2);
+  for (std::string const *m : {&m1, &m2}) {
+    std::uint32_t len = static_cast<std::uint32_t>(m->size());
+    rec.append(reinterpret_cast<char const *>(&len), 4);
+    rec += *m;
+  }
+  // The last message announces 50 bytes but holds 5: it must wait.
+  std::uint32_t longLen = 50;
+  rec.append(reinterpret_cast<char const *>(&longLen), 4);
+  rec += "short";
+  ASSERT_EQ(rec.size(), q.insert(s, rec.data(), static_cast<unsigned>(rec.size()), 100000, &link.srv, 1));
+  EXPECT_EQ(m1 + m2, ReadN(link.clients[0], 30));
+  ASSERT_TRUE(WaitFor([&] { return dump.Sends().size() >= 2; }));
+  EXPECT_EQ((std::vector<unsigned>{10, 20}), dump.Sends());
+  unsigned count = 0;
+  EXPECT_EQ(9u, q.GetSendQueueSize(s, &count));
+  EXPECT_EQ(0, q.SendQueuedData(0, s));
+  EXPECT_TRUE(NothingToRead(link.clients[0]));
+
+  // write() on a framed, queued socket keeps message boundaries too.
+  q.erase(s);
+  ASSERT_EQ(6, link.srv.write("framed", 6, s, 1, 1, 0, 0, nullptr));
+  EXPECT_EQ("framed", ReadN(link.clients[0], 6));
+  q.SetDebugDump(nullptr);
+}
+
+TEST(SendQueue, ClosingASocketDropsOnlyItsOwnQueue) {
+  SendQueue q(4096, 64, 64);
+  Link link(&q);
+  unsigned a = link.Add();
+  unsigned b = link.Add();
+  std::string const da = Pattern(64 * 1024, 1), db = Pattern(64 * 1024, 2);
+  for (unsigned s : {a, b})
+    ASSERT_EQ(1, link.srv.SetMaxSendQueue(8u << 20, 0, s));
+  ASSERT_EQ(static_cast<int>(da.size()), link.srv.write(da.data(), static_cast<unsigned>(da.size()), a, 1, 1, 0, 0, nullptr));
+  ASSERT_EQ(static_cast<int>(db.size()), link.srv.write(db.data(), static_cast<unsigned>(db.size()), b, 1, 1, 0, 0, nullptr));
+  ASSERT_TRUE(link.srv.isSockSndBufFull(a));
+  ASSERT_TRUE(link.srv.isSockSndBufFull(b));
+  EXPECT_EQ(1, link.srv.close(a, 0));
+  EXPECT_EQ(0, q.HasData(a));
+  EXPECT_EQ(db, ReadN(link.clients[1], db.size()));
+}
+
+// Data queued for a connection that never became active goes with its
+// controller: the send thread must never write through a dead controller.
+TEST(SendQueue, DestroyedControllerLeavesNothingQueued) {
+  SendQueue q(4096, 64, 64);
+  Link link(&q);
+  unsigned cs = 0;
+  {
+    SocketCtrl cli(&q, 0, 0, 1, 0, "cli");
+    ASSERT_EQ(1, cli.connect("127.0.0.1", "tcp", link.port, nullptr, &cs, nullptr, 0, 1));
+    ASSERT_EQ(1, cli.SetMaxSendQueue(8u << 20, 0, cs));
+    std::string const big = Pattern(4u << 20, 5);  // more than the kernel buffers hold
+    ASSERT_EQ(static_cast<int>(big.size()), cli.write(big.data(), static_cast<unsigned>(big.size()), cs, 1, 1, 0, 0, nullptr));
+    ASSERT_EQ(1, q.HasData(cs));
+  }
+  EXPECT_EQ(0, q.HasData(cs));
+}
+
+}  // namespace

@@ -1,0 +1,148 @@
+#include "thread/StmtQueue.h"
+
+#include "text/XStr.h"
+#include "thread/Thread.h"
+#include "ThreadTestUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using testutil::Eventually;
+using testutil::Latch;
+using testutil::Listed;
+
+std::atomic<int> g_itemsAlive{0};
+
+class Item : public XStrStmtQueueObj {
+public:
+  explicit Item(std::string const &text) : XStrStmtQueueObj(text.c_str()) { ++g_itemsAlive; }
+  ~Item() override { --g_itemsAlive; }
+};
+
+// Records what it executes; the first item may be held until released.
+class Recorder : public StmtQueue {
+public:
+  explicit Recorder(char const *name, Latch *holdFirst = nullptr) : StmtQueue(0, name), holdFirst_(holdFirst) {}
+  ~Recorder() override { Abort(); }
+
+  void ExecStmt(XObj *item) override {
+    EXPECT_EQ(1, ++inFlight_);  // never two at once
+    char desc[128];
+    std::string text = item->GetDesc(desc, sizeof desc);
+    if (text == "stop")
+      Abort();  // from inside ExecStmt
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_.push_back(text);
+    }
+    firstStarted.Open();
+    if (holdFirst_ && !held_) {
+      held_ = true;
+      EXPECT_TRUE(holdFirst_->Wait());
+    }
+    --inFlight_;
+  }
+
+  std::vector<std::string> Done() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return done_;
+  }
+
+  Latch firstStarted;
+
+private:
+  Latch *holdFirst_;
+  bool held_ = false;  // queue thread only
+  std::atomic<int> inFlight_{0};
+  std::mutex mutex_;
+  std::vector<std::string> done_;
+};
+
+TEST(StmtQueue, ProducersItemsRunOnceInOrderOneAtATime) {
+  constexpr int kProducers = 4;
+  constexpr int kEach = 150;
+  {
+    Recorder q("order");
+    ASSERT_TRUE(q.IsOk());
+    EXPECT_EQ(0, q.Add(nullptr));
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p)
+      producers.emplace_back([&q, p] {
+        for (int i = 0; i < kEach; ++i)
+          EXPECT_EQ(1, q.Add(new Item(std::to_string(p) + ":" + std::to_string(i))));
+      });
+    for (auto &t : producers)
+      t.join();
+    q.Abort();  // drains
+
+    auto done = q.Done();
+    ASSERT_EQ(static_cast<std::size_t>(kProducers * kEach), done.size());
+    std::vector<int> next(kProducers, 0);
+    for (auto const &text : done) {
+      int p = text[0] - '0';
+      ASSERT_EQ(std::to_string(p) + ":" + std::to_string(next[p]), text);  // each producer's order kept
+      ++next[p];
+    }
+  }
+  EXPECT_EQ(0, g_itemsAlive.load());  // each deleted after execution
+}
+
+TEST(StmtQueue, AbortDrainsQueuedItemsThenRefusesUntilStart) {
+  Latch hold;
+  Recorder q("db", &hold);
+  EXPECT_TRUE(Listed(") StmtQueue: Exec Stmt Thread (db)"));
+  ASSERT_EQ(1, q.Add(new Item("A")));
+  ASSERT_TRUE(q.firstStarted.Wait());  // A is executing and held
+  ASSERT_EQ(1, q.Add(new Item("B")));
+  ASSERT_EQ(1, q.Add(new Item("C")));
+  EXPECT_EQ(2u, q.GetnItems());
+
+  std::thread aborter([&q] { q.Abort(); });
+  ASSERT_TRUE(Eventually([&] { return q.IsStarted() == 0; }));  // stopped: refusing
+  Item late("late");
+  EXPECT_EQ(0, q.Add(&late));  // the caller keeps it
+  EXPECT_EQ(0u, q.GetnItems());
+  hold.Open();
+  aborter.join();
+  EXPECT_EQ((std::vector<std::string>{"A", "B", "C"}), q.Done());
+  EXPECT_EQ(nullptr, q.GetThreadId());
+  EXPECT_FALSE(Listed(") StmtQueue: Exec Stmt Thread (db)"));
+
+  ASSERT_EQ(1, q.Start());
+  EXPECT_EQ(1, q.IsStarted());
+  EXPECT_EQ(1, q.Start());  // already started
+  ASSERT_EQ(1, q.Add(new Item("D")));
+  q.Abort();
+  EXPECT_EQ((std::vector<std::string>{"A", "B", "C", "D"}), q.Done());
+  q.Abort();  // twice: nothing more
+}
+
+TEST(StmtQueue, AbortFromInsideExecStmtStopsWithoutWaitingOnItself) {
+  Recorder q("  ");
+  EXPECT_TRUE(Listed(") StmtQueue: Exec Stmt Thread"));  // no name: no parentheses
+  ASSERT_EQ(1, q.Add(new Item("stop")));
+  ASSERT_TRUE(Eventually([&] { return q.Done().size() == 1; }));
+  Item refused("refused");
+  EXPECT_EQ(0, q.Add(&refused));
+  // The thread finishes by itself; Start joins it and brings a new one.
+  ASSERT_EQ(1, q.Start());
+  ASSERT_EQ(1, q.Add(new Item("again")));
+  q.Abort();
+  EXPECT_EQ((std::vector<std::string>{"stop", "again"}), q.Done());
+}
+
+TEST(XStrStmtQueueObj, DescriptionFitsTheBuffer) {
+  XStrStmtQueueObj obj("select 1   ");
+  char buf[8];
+  EXPECT_STREQ("select", obj.GetDesc(buf, 7));  // 6 characters and a NUL, trailing blank trimmed
+  EXPECT_STREQ("", XStrStmtQueueObj(nullptr).GetDesc(buf, sizeof buf));
+}
+
+}  // namespace
