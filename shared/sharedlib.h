@@ -14,6 +14,8 @@
 // text
 #include "text/TextRoutines.h"
 #include "text/XStr.h"
+#include "text/CmdTables.h"
+#include "text/HashT.h"
 
 // thread
 #include "thread/Semaphore.h"
@@ -31,5 +33,9 @@
 // file
 
 // expr
+#include "expr/Expr.h"
+#include "expr/ExprJoin.h"
+#include "expr/ExprParser.h"
+#include "expr/XArgument.h"
 
 // services
