@@ -1,7 +1,9 @@
 #include "text/HashT.h"
 
+#include "platform/Compat.h"
 #include "text/TextRoutines.h"
 
+#include <cctype>
 #include <cstring>
 #include <new>
 
@@ -32,11 +34,16 @@ void HashT<T>::AllocBuckets() {
 
 template <class T>
 unsigned HashT<T>::formula(char const *key) {
-  char norm[kKeyMax + 1];
-  ajusta_upp_str(key, norm, static_cast<int>(kKeyMax));
-  std::size_t len = std::strlen(norm);
-  auto c = [&norm](std::size_t i) {
-    return static_cast<unsigned>(static_cast<int>(static_cast<signed char>(norm[i])));
+  // The same result as hashing ajusta_upp_str(key, .., 63), without copying
+  // the key: only its length and four of its characters count.
+  if (!key)
+    return 0;
+  std::size_t len = strnlen(key, kKeyMax);
+  while (len > 0 && key[len - 1] == ' ')
+    --len;
+  auto c = [key](std::size_t i) {
+    char const up = static_cast<char>(std::toupper(static_cast<unsigned char>(key[i])));
+    return static_cast<unsigned>(static_cast<int>(static_cast<signed char>(up)));
   };
   if (len == 0)
     return 0;
@@ -95,13 +102,12 @@ typename HashT<T>::Elem *HashT<T>::Find(char const *key, Block **found) const {
   Bucket const &bucket = buckets_[formula(key)];
   if (bucket.nrecs == bucket.ndeleted)
     return nullptr;
-  char probe[kKeyMax + 1];
-  CopyString(probe, key, kKeyMax);
   for (Block *block = bucket.first; block; block = block->next) {
     for (Elem &e : block->elem) {
       if (!e.key[0])
         return nullptr;  // slots after the last filled one are empty
-      if (!e.deleted && fstricmp(e.key, probe) == 0) {
+      // Keys compare on their first 63 characters, as they are stored.
+      if (!e.deleted && _strnicmp(e.key, key, kKeyMax) == 0) {
         if (found)
           *found = block;
         return &e;
