@@ -116,11 +116,15 @@ unsigned long Expr::Room() const {
   return end_ ? static_cast<unsigned long>(end_ - cur_) : ~0UL;
 }
 
-int Expr::get_token_expr() {
+char Expr::StartToken() {
   ClearToken();
   type_ = 0;
   SkipWhite();
-  char const c = Ch(cur_);
+  return Ch(cur_);
+}
+
+int Expr::get_token_expr() {
+  char const c = StartToken();
   if (c == '\0')
     return SetType(kEnd);
 
@@ -236,10 +240,7 @@ int Expr::get_token_expr() {
 }
 
 int Expr::get_next_token() {
-  ClearToken();
-  type_ = 0;
-  SkipWhite();
-  char const c = Ch(cur_);
+  char const c = StartToken();
   if (c == '\0')
     return SetType(kEnd);
   int type = kWord;
@@ -257,11 +258,8 @@ int Expr::get_next_token() {
 int Expr::get_next_string(char const *separators) {
   if (!separators)
     separators = ",;";
-  ClearToken();
-  type_ = 0;
   terminator_ = 0;
-  SkipWhite();
-  if (Ch(cur_) == '\0')
+  if (StartToken() == '\0')
     return SetType(kEnd);
   char c;
   for (; (c = Ch(cur_)) != '\0' && !ch_in_str(c, separators); ++cur_)

@@ -115,6 +115,8 @@ private:
   bool IsSymbol(char c) const;
   void SkipWhite();
   void ClearToken();
+  // Empties the token, skips white space and answers the next character.
+  char StartToken();
   void Put(char c);
   int SetType(int type);
   // Takes characters up to a delimiter or control character; the last one
