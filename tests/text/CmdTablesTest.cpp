@@ -101,15 +101,6 @@ TEST(CmdTables, EveryRowMatchesItsList) {
   }
 }
 
-TEST(CmdTables, ServerCommandsCoverTheirCodeRangeWithTheKnownGaps) {
-  std::set<unsigned> codes;
-  for (int i = 0; i < get_cmd_nregs(srvcmd_vet); ++i)
-    codes.insert(srvcmd_vet[i].code);
-  std::set<unsigned> const gaps = {1007, 1008, 1009, 1026, 1034, 1050, 1059, 1071};
-  for (unsigned code = 1000; code <= 1115; ++code)
-    EXPECT_EQ(codes.count(code), gaps.count(code) ? 0u : 1u) << code;
-}
-
 TEST(CmdTables, NamedSearchesIgnoreCaseAndAnswerZeroForUnknown) {
   struct {
     int (*search)(char const *);
