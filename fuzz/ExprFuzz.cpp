@@ -74,6 +74,19 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size
   parser.parseSymbol(text.c_str(), sep);
   CheckParams(parser, kMaxLen);
 
+  // Now and then the input repeated past the token buffer, so that the
+  // cutting of over-long tokens is exercised as well.
+  if (size != 0 && (data[0] & 0x3F) == 0x30) {
+    std::string big;
+    while (big.size() <= Expr::kTokenMax + 64)
+      big += text;
+    Expr longText(big.c_str(), nullptr, nullptr);
+    Tokenize(longText, big.size());
+    longText.reset();
+    while (longText.get_next_string(" ") != Expr::kEnd)
+      Check(longText.get_text_len() <= Expr::kTokenMax);
+  }
+
   char out[16];
   char v0[5];
   char v1[2];

@@ -29,10 +29,14 @@ status=0
 for t in "${targets[@]}"; do
   echo "== $t: ${per}s"
   mkdir -p "$scratch/$t"
-  if ! ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+  log="build/fuzz/$t.log"
+  if ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
       "build/fuzz/fuzz/$t" -max_total_time="$per" -timeout=5 -rss_limit_mb=2048 \
-      -print_final_stats=1 -artifact_prefix="build/fuzz/$t-" "$scratch/$t" "fuzz/corpus/$t"; then
-    echo "$t: FAILED (reproducer under build/fuzz/$t-*)" >&2
+      -print_final_stats=1 -artifact_prefix="build/fuzz/$t-" "$scratch/$t" "fuzz/corpus/$t" >"$log" 2>&1; then
+    grep -E '^(Done|stat::(number_of_executed_units|peak_rss_mb))' "$log" || true
+  else
+    tail -n 80 "$log" >&2
+    echo "$t: FAILED (full log $log, reproducer build/fuzz/$t-*)" >&2
     status=1
   fi
 done
