@@ -9,6 +9,7 @@
 #include "platform/Compat.h"
 #include "platform/Export.h"
 #include "platform/PlatformInfo.h"
+#include "platform/Readiness.h"
 #include "platform/Types.h"
 
 // text
@@ -21,6 +22,13 @@
 #include "thread/Semaphore.h"
 
 // socket
+#include "socket/EPollWrapper.h"
+#include "socket/FdCtrl.h"
+#include "socket/KQueueWrapper.h"
+#include "socket/PollWrapper.h"
+#include "socket/SelectWrapper.h"
+#include "socket/SockEventsWrapper.h"
+#include "socket/TxtBuf_reg.h"
 
 // sockbuf
 
@@ -29,8 +37,13 @@
 // proxy
 
 // media
+#include "media/BinBuf.h"
+#include "media/CLBuffer.h"
+#include "media/CLSBuffer.h"
 
 // file
+#include "file/FilePrimitives.h"
+#include "file/FileRead.h"
 
 // expr
 #include "expr/Expr.h"
@@ -39,3 +52,7 @@
 #include "expr/XArgument.h"
 
 // services
+#include "services/Adler32.h"
+#include "services/Base64.h"
+#include "services/CpuUsage.h"
+#include "services/SHA1.h"

@@ -1,0 +1,232 @@
+#include "socket/FdCtrl.h"
+
+#include "socket/TxtBuf_reg.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace {
+constexpr unsigned int kNoSocket = 0xFFFFFFFFu;
+// fdVector indexes sockets below this number directly (descriptor numbers
+// stay below the process limit); a larger handle is searched for instead, so
+// a stray value never makes the index huge.
+constexpr unsigned int kDenseLimit = 1u << 20;
+}  // namespace
+
+IfdCtrl::~IfdCtrl() = default;
+
+// --- Myfd_set ----------------------------------------------------------------
+
+Myfd_set::Myfd_set() : count_(0), fds_{}, cursor_(1) { zero(); }
+
+Myfd_set::~Myfd_set() = default;
+
+int Myfd_set::count() { return static_cast<int>(count_); }
+
+void Myfd_set::zero() {
+  count_ = 0;
+  std::memset(fds_, 0, sizeof(fds_));
+}
+
+int Myfd_set::set(unsigned int fd) {
+  if (fd == kNoSocket || count_ >= kSewSelectMaxSockets) return 0;
+  // The historical search: a match at the last position is taken for "absent".
+  std::uint32_t i = 0;
+  while (i < count_ && fds_[i] != fd) ++i;
+  if (count_ != 0 && i < count_ - 1) return 0;
+  fds_[count_++] = fd;
+  return static_cast<int>(count_);
+}
+
+int Myfd_set::clr(unsigned int fd) {
+  for (std::uint32_t i = 0; i < count_; ++i) {
+    if (fds_[i] != fd) continue;
+    std::memmove(&fds_[i], &fds_[i + 1], (count_ - i - 1) * sizeof(fds_[0]));
+    --count_;
+    fds_[count_] = 0;
+    // Keep a walk in progress on the socket it would have returned next.
+    if (i + 1 < cursor_) --cursor_;
+    return static_cast<int>(i);
+  }
+  return static_cast<int>(count_);
+}
+
+int Myfd_set::isset(unsigned int fd) {
+  for (std::uint32_t i = count_; i > 0; --i) {
+    if (fds_[i - 1] == fd) return static_cast<int>(i);
+  }
+  return 0;
+}
+
+unsigned int Myfd_set::getfd(unsigned int pos) { return pos == 0 || pos > count_ ? kNoSocket : fds_[pos - 1]; }
+
+unsigned int Myfd_set::first(unsigned int *pos) {
+  cursor_ = 1;
+  return next(pos);
+}
+
+unsigned int Myfd_set::next(unsigned int *pos) {
+  if (cursor_ >= 1 && cursor_ <= count_) {
+    if (pos != nullptr) *pos = cursor_;
+    return fds_[cursor_++ - 1];
+  }
+  if (pos != nullptr) *pos = 0;
+  return kNoSocket;
+}
+
+// --- ITxtBufCtrl defaults: no text buffers -----------------------------------
+
+ITxtBufCtrl::~ITxtBufCtrl() = default;
+int ITxtBufCtrl::PutTxt(unsigned int, char const *, unsigned int) { return 0; }
+int ITxtBufCtrl::GetTxtLine(unsigned int, char *, unsigned int) { return 0; }
+int ITxtBufCtrl::AddTxtBuf(unsigned int) { return 0; }
+int ITxtBufCtrl::DelTxtBuf(unsigned int) { return 0; }
+int ITxtBufCtrl::GetTxtRoom(unsigned int, unsigned int *) { return 0; }
+int ITxtBufCtrl::GetTxtPending(unsigned int, unsigned int *) { return 0; }
+
+IfdACtrl::~IfdACtrl() = default;
+
+// --- fdVector ----------------------------------------------------------------
+
+fdVector::fdVector() = default;
+
+fdVector::~fdVector() = default;
+
+int fdVector::count() { return static_cast<int>(fds_.size()); }
+
+void fdVector::zero() {
+  fds_.clear();
+  pos_.clear();
+}
+
+int fdVector::set(unsigned int fd) {
+  if (fd == kNoSocket || isset(fd) != 0) return 0;
+  try {
+    if (fd < kDenseLimit && fd >= pos_.size()) pos_.resize(static_cast<std::size_t>(fd) + 1, 0);
+    fds_.push_back(fd);
+  } catch (std::bad_alloc const &) {
+    return 0;
+  }
+  if (fd < kDenseLimit) pos_[fd] = static_cast<std::uint32_t>(fds_.size());
+  return static_cast<int>(fds_.size());
+}
+
+int fdVector::clr(unsigned int fd) {
+  std::uint32_t const at = static_cast<std::uint32_t>(isset(fd));
+  if (at == 0) return count();
+  fds_.erase(fds_.begin() + (at - 1));
+  if (fd < kDenseLimit) pos_[fd] = 0;
+  for (std::size_t i = at - 1; i < fds_.size(); ++i) {
+    if (fds_[i] < kDenseLimit) pos_[fds_[i]] = static_cast<std::uint32_t>(i + 1);
+  }
+  // Keep a walk in progress on the socket it would have returned next.
+  if (at < cursor_) --cursor_;
+  return static_cast<int>(at - 1);
+}
+
+int fdVector::isset(unsigned int fd) {
+  if (fd < kDenseLimit) return fd < pos_.size() ? static_cast<int>(pos_[fd]) : 0;
+  auto it = std::find(fds_.begin(), fds_.end(), fd);
+  return it == fds_.end() ? 0 : static_cast<int>(it - fds_.begin() + 1);
+}
+
+unsigned int fdVector::getfd(unsigned int pos) { return pos == 0 || pos > fds_.size() ? kNoSocket : fds_[pos - 1]; }
+
+unsigned int fdVector::first(unsigned int *pos) {
+  cursor_ = 1;
+  return next(pos);
+}
+
+unsigned int fdVector::next(unsigned int *pos) {
+  if (cursor_ >= 1 && cursor_ <= fds_.size()) {
+    if (pos != nullptr) *pos = cursor_;
+    return fds_[cursor_++ - 1];
+  }
+  if (pos != nullptr) *pos = 0;
+  return kNoSocket;
+}
+
+// --- fdATxtSVector -----------------------------------------------------------
+
+namespace {
+
+template <typename Vec>
+auto Find(Vec &regs, unsigned int fd) {
+  return std::lower_bound(regs.begin(), regs.end(), fd,
+                          [](auto const &entry, unsigned int key) { return entry.first < key; });
+}
+
+}  // namespace
+
+fdATxtSVector::fdATxtSVector() = default;
+
+fdATxtSVector::~fdATxtSVector() = default;
+
+void fdATxtSVector::zero() {
+  fdVector::zero();
+  regs_.clear();
+}
+
+int fdATxtSVector::set(unsigned int fd) {
+  int const result = fdVector::set(fd);
+  if (result != 0 && AddTxtBuf(fd) == 0) {
+    // A socket without its register would lose its text: refuse it.
+    fdVector::clr(fd);
+    return 0;
+  }
+  return result;
+}
+
+int fdATxtSVector::clr(unsigned int fd) {
+  DelTxtBuf(fd);
+  return fdVector::clr(fd);
+}
+
+TxtBuf_reg *fdATxtSVector::GetTxtBuf(unsigned int fd) {
+  auto it = Find(regs_, fd);
+  return it != regs_.end() && it->first == fd ? it->second.get() : nullptr;
+}
+
+int fdATxtSVector::AddTxtBuf(unsigned int fd) {
+  if (fd == kNoSocket) return 0;
+  auto it = Find(regs_, fd);
+  if (it != regs_.end() && it->first == fd) return 1;
+  try {
+    regs_.emplace(it, fd, std::make_unique<TxtBuf_reg>());
+  } catch (std::bad_alloc const &) {
+    return 0;
+  }
+  return 1;
+}
+
+int fdATxtSVector::DelTxtBuf(unsigned int fd) {
+  auto it = Find(regs_, fd);
+  if (it == regs_.end() || it->first != fd) return 0;
+  regs_.erase(it);
+  return 1;
+}
+
+int fdATxtSVector::PutTxt(unsigned int fd, char const *data, unsigned int len) {
+  TxtBuf_reg *reg = GetTxtBuf(fd);
+  return reg != nullptr ? static_cast<int>(reg->Put(data, len)) : 0;
+}
+
+int fdATxtSVector::GetTxtLine(unsigned int fd, char *line, unsigned int size) {
+  TxtBuf_reg *reg = GetTxtBuf(fd);
+  return reg != nullptr ? reg->GetLine(line, size) : 0;
+}
+
+int fdATxtSVector::GetTxtRoom(unsigned int fd, unsigned int *room) {
+  TxtBuf_reg *reg = GetTxtBuf(fd);
+  if (reg == nullptr) return 0;
+  if (room != nullptr) *room = reg->Room();
+  return 1;
+}
+
+int fdATxtSVector::GetTxtPending(unsigned int fd, unsigned int *pending) {
+  TxtBuf_reg *reg = GetTxtBuf(fd);
+  if (reg == nullptr) return 0;
+  if (pending != nullptr) *pending = reg->Pending();
+  return 1;
+}
