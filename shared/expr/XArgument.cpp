@@ -40,13 +40,13 @@ public:
     char const *word = argv_[index_];
     char const c = word[letter_++];
     bool const atWordEnd = word[letter_] == '\0';
-    char const *spec = c == ':' ? nullptr : std::strchr(options_, c);
-    if (!spec) {
+    char const *entry = c == ':' ? nullptr : std::strchr(options_, c);
+    if (!entry) {
       if (atWordEnd)
         NextWord();
       return '?';
     }
-    if (spec[1] != ':') {
+    if (entry[1] != ':') {
       if (atWordEnd)
         NextWord();
       return c;

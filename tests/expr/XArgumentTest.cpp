@@ -152,8 +152,8 @@ std::map<char, std::string> WithCGetopt(Argv &args, char const *options) {
   std::map<char, std::string> seen;
   opterr = 0;
   optind = 0;  // full re-initialisation
-  std::string const spec = std::string("+") + options;
-  for (int c; (c = getopt(args.argc(), args.argv(), spec.c_str())) != -1;)
+  std::string const optionString = std::string("+") + options;
+  for (int c; (c = getopt(args.argc(), args.argv(), optionString.c_str())) != -1;)
     if (c != '?' && c != ':')
       seen[static_cast<char>(c)] = optarg ? optarg : "";
   return seen;
