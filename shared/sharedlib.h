@@ -19,6 +19,8 @@
 #include "text/DebugOutput.h"
 #include "text/TextRoutines.h"
 #include "text/XStr.h"
+#include "text/CmdTables.h"
+#include "text/HashT.h"
 
 // thread
 #include "thread/Semaphore.h"
@@ -60,6 +62,10 @@
 #include "file/FileRead.h"
 
 // expr
+#include "expr/Expr.h"
+#include "expr/ExprJoin.h"
+#include "expr/ExprParser.h"
+#include "expr/XArgument.h"
 
 // services
 #include "services/Adler32.h"
