@@ -114,7 +114,7 @@ void XStr::_Format(char const *fmt, va_list args) {
   // The scratch buffer bounds the output: longer results are cut, never
   // written past it.
   std::string scratch(kFormatScratch, '\0');
-  _vsnprintf(scratch.data(), scratch.size(), fmt ? fmt : "", args);
+  _vsnprintf(scratch.data(), scratch.size(), fmt, args);
   Assign(scratch.c_str());
 }
 

@@ -41,7 +41,11 @@ char *_itoa(int value, char *buf, int radix) {
 int _vsnprintf(char *buf, std::size_t size, char const *fmt, va_list args) {
   if (!buf || size == 0)
     return -1;
-  int n = std::vsnprintf(buf, size, fmt ? fmt : "", args);
+  if (!fmt) {  // a null format formats as the empty text
+    buf[0] = '\0';
+    return 0;
+  }
+  int n = std::vsnprintf(buf, size, fmt, args);
   if (n < 0) {
     buf[0] = '\0';
     return -1;
