@@ -28,9 +28,11 @@ namespace {
 constexpr unsigned long kForever = static_cast<unsigned long>(-1);
 }
 
-// The run lock is a lock held by the worker for the whole body and taken
-// briefly by waiters; a recursive lock (kind 3) serves, and lets WaitThread
-// called from the body itself return instead of waiting on itself.
+// The run lock is held by the worker for the whole body and taken briefly by
+// waiters. A recursive lock (kind 3) serves: WaitThread called from the body
+// itself returns instead of waiting on itself, and its release is finished
+// once the lock is free (a kind-1 Signal still notifies after that, so an
+// owner destroying the object at once could pull the semaphore from under it).
 XThread::XThread()
     : thread_(nullptr),
       name_(nullptr),

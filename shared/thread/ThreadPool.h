@@ -21,6 +21,10 @@
 //
 // Destruction asks every running job to end and waits for each, without
 // limit: a job that never looks at DoExit() keeps the destructor waiting.
+//
+// The table's own members (insert, erase, kill, ...) are inherited for
+// reading and for the pool itself; callers go through StartThread and
+// StopThread, which take the lock.
 #pragma once
 
 #include "platform/Export.h"

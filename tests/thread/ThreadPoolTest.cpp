@@ -117,7 +117,8 @@ TEST(ThreadPool, StopWhileJobsReportTheirEnd) {
       ASSERT_NE(0, pool.StartThread(job));
       pool.StopThread(job);  // races the body's end and the reaper
     }
-    EXPECT_EQ(40, tally.deleted.load());
+    // Jobs the reaper took first may still be being joined: it finishes them
+    // before the pool's destructor lets it go.
   }
   EXPECT_EQ(40, tally.deleted.load());
 }
