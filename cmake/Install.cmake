@@ -11,7 +11,12 @@ install(DIRECTORY shared/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sharedlib
   FILES_MATCHING PATTERN "*.h"
   PATTERN "posix" EXCLUDE
   PATTERN "win32" EXCLUDE
-  PATTERN "detail" EXCLUDE)
+  PATTERN "detail" EXCLUDE
+  # Internal wrappers over system calls: no public header includes them.
+  PATTERN "FileApi.h" EXCLUDE
+  PATTERN "ProcessApi.h" EXCLUDE
+  PATTERN "SocketApi.h" EXCLUDE
+  PATTERN "PosixThread.h" EXCLUDE)
 
 install(EXPORT sharedlibTargets NAMESPACE sharedlib::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/sharedlib)
