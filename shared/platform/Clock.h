@@ -1,9 +1,9 @@
 // Clock.h: the library's one source of time, with a seam for tests.
 //
 // Two clocks are used by the library:
-//   - calendar time in whole seconds since 1970 (the design's `_time64`),
+//   - calendar time in whole seconds since 1970 (Win32's `_time64`),
 //     for rate limits, logs and idle checks counted in seconds;
-//   - a 32-bit millisecond tick count (the design's `GetTickCount`), which is
+//   - a 32-bit millisecond tick count (Win32's `GetTickCount`), which is
 //     monotonic and wraps at 2^32, for time-outs and pacing.
 // Timed sleeps the library performs also go through here (SleepMs), so a test
 // can install a ClockSource that decides what "sleeping" means.

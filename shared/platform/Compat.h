@@ -1,4 +1,4 @@
-// Compat.h: C run-time routines the design uses that POSIX spells otherwise.
+// Compat.h: C run-time routines the library uses that POSIX spells otherwise.
 //
 // On Windows these come from the C run-time itself. Elsewhere the library
 // provides them with the same contracts, except that _snprintf and

@@ -1,7 +1,7 @@
 // Export.h: the one export macro of the public API and the C-linkage brackets.
 //
 // The library is built with hidden visibility; only declarations marked
-// SHAREDLIB_API are part of the ABI. The plain C routines of the design
+// SHAREDLIB_API are part of the ABI. The plain C routines of the library
 // (text routines, socket primitives, platform tests) are declared between
 // SHAREDLIB_BEGIN_C and SHAREDLIB_END_C so they keep C linkage.
 #pragma once

@@ -1,6 +1,6 @@
 // Types.h: the platform names the library's interfaces are written in.
 //
-// The design was first written over Win32; these are the few Win32 types and
+// The library was first written over Win32; these are the few Win32 types and
 // constants that appear in public signatures, given their exact widths and
 // values on every platform. Nothing here allocates or calls the system.
 #pragma once
@@ -12,7 +12,7 @@
 #  include <windows.h>
 #else
 // Width-exact stand-ins for the Win32 names.
-using __int64 = long long;  // NOLINT: the design's spelling
+using __int64 = long long;  // NOLINT: the Win32 spelling
 #  ifndef __stdcall
 #    define __stdcall
 #  endif
