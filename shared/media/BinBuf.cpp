@@ -117,6 +117,13 @@ int BinBuf_reg::GetData(void *buf, unsigned *len) {
     return 0;
   lock_.Wait(1, "BinBuf_reg::GetData");
   for (;;) {
+    // Checked under the lock before every wait: an Abort that ran between
+    // the check above and taking the lock found no reader waiting to wake,
+    // and nothing else would wake this one (writes are refused from then on).
+    if (aborted_.load()) {
+      lock_.Signal("BinBuf_reg::GetData");
+      return 0;
+    }
     unsigned const used = used_.load();
     unsigned enough = *len;
     if (!canRealloc_ && enough > size_.load())
@@ -135,10 +142,6 @@ int BinBuf_reg::GetData(void *buf, unsigned *len) {
     if (aborted_.load())
       return 0;
     lock_.Wait(1, "BinBuf_reg::GetData");
-    if (aborted_.load()) {
-      lock_.Signal("BinBuf_reg::GetData");
-      return 0;
-    }
   }
 
   char *buffer = buffer_.load();

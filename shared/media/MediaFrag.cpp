@@ -168,14 +168,17 @@ int FragQueue::Read(char **buf, unsigned *cap, int mayAllocate) {
   if (buf == nullptr) {
     *cap = size;
   } else {
-    if (*cap < size && mayAllocate) {
+    // A null *buf has no room, whatever *cap says: it is allocated for or
+    // the packet is dropped, never copied through.
+    unsigned room = *buf != nullptr ? *cap : 0;
+    if (room < size && mayAllocate) {
       void *grown = std::realloc(*buf, size);
       if (grown != nullptr) {
         *buf = static_cast<char *>(grown);
-        *cap = size;
+        *cap = room = size;
       }
     }
-    if (*cap >= size) {
+    if (room >= size) {
       result = 1;
       std::uint32_t const seq = Le32(storage_ + 4);
       if (filter_ != 0 && lastSeq_ != 0 && seq > lastSeq_ + 1)

@@ -73,7 +73,8 @@ public:
   // its size and returns 1. With buf null, *cap receives the size of the
   // front packet, which is dropped unread (result 0). A packet larger than
   // *cap is reallocated for when mayAllocate is set (*buf must then come
-  // from malloc or be null), otherwise it is dropped unread (result 0).
+  // from malloc or be null), otherwise it is dropped unread (result 0). A
+  // null *buf counts as no room at all.
   // A blocking queue waits for a packet; Close and WakeReader end the wait
   // (result 0). One reader at a time; other readers queue behind it.
   int Read(char **buf, unsigned *cap, int mayAllocate);

@@ -1,5 +1,7 @@
 #include "media/BinBuf.h"
 
+#include "thread/ThreadTestUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -134,6 +136,45 @@ TEST(BinBufReg, AbortReleasesABlockedReader) {
     EXPECT_EQ(8u, len);
     reg.reset();
     EXPECT_EQ(1, Save(reg, "again"));
+  }
+}
+
+// Abort racing a reader that is just entering GetData. A large growing
+// write holds the register's lock meanwhile, so Abort and then the reader
+// queue up on it; whichever gets through first, the reader returns (0 when
+// Abort came first) and never parks for good. It once could: an Abort that
+// ran while the reader waited for the lock found no reader to wake, and the
+// reader then waited for data that aborted writes could never bring.
+TEST(BinBufReg, AbortRacingAReadersEntryNeverStrandsIt) {
+  std::vector<char> big(32u << 20, 'x');
+  for (int round = 0; round < 10; ++round) {
+    BinBuf_reg reg(16, 1, 1, 1);
+    std::atomic<bool> writing{false}, aborting{false};
+    std::thread writer([&] {
+      writing = true;
+      reg.SaveData(big.data(), static_cast<unsigned>(big.size()));
+    });
+    LetItBlock(writing);
+    std::thread aborter([&] {
+      aborting = true;
+      reg.Abort();
+    });
+    LetItBlock(aborting);
+    std::atomic<int> result{-1};
+    std::thread reader([&] {
+      char out[16];
+      unsigned len = 8;
+      result = reg.GetData(out, &len);
+    });
+    bool const returned = testutil::Eventually([&] { return result.load() != -1; });
+    if (!returned) {  // stranded: free it so the test fails instead of hanging
+      reg.reset();
+      Save(reg, "12345678");
+    }
+    reader.join();
+    aborter.join();
+    writer.join();
+    ASSERT_TRUE(returned) << "round " << round;
   }
 }
 

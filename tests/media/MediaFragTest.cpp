@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -200,6 +202,20 @@ TEST(FragQueue, OverflowDropsEverythingUnlessGrowable) {
   EXPECT_EQ(0u, q.NextPktSize());
   ASSERT_EQ(1, q.Write(pkt.data() + 30, 20));
   EXPECT_EQ(50u, q.NextPktSize());
+
+  // A null buffer has no room whatever the capacity claims: the packet is
+  // dropped without mayAllocate, and allocated for with it.
+  ASSERT_EQ(1, q.Write(pkt.data(), 50));
+  char *none = nullptr;
+  unsigned cap = 4096;
+  EXPECT_EQ(0, q.Read(&none, &cap, 0));
+  EXPECT_EQ(nullptr, none);
+  EXPECT_EQ(50u, q.NextPktSize());
+  cap = 4096;
+  ASSERT_EQ(1, q.Read(&none, &cap, 1));
+  EXPECT_EQ(50u, cap);
+  EXPECT_EQ(0, std::memcmp(none, pkt.data(), 50));
+  std::free(none);
 }
 
 TEST(FragQueue, StreamFilterDropsOtherStreamsAndCountsGaps) {
