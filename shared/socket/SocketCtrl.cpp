@@ -1008,13 +1008,16 @@ unsigned int SocketCtrl::EnqueueData(unsigned int sock, char const *data, unsign
     return 0;
   if (!o.framed)
     return queue_->insert(s, data, n, o.maxQueue, this, 0);
-  // A framed socket's queue holds whole messages: [length][bytes], each in a
-  // slot of its own so a message never straddles two reads of the sender.
-  std::vector<char> msg(4 + n);
+  // A framed socket's queue holds whole messages, [length][bytes], packed
+  // into its slots (the sender reads across slots). The queue takes a
+  // message whole or not at all.
+  if (n > 0xFFFFFFFFu - 4)
+    return 0;
+  std::vector<char> msg(4 + static_cast<std::size_t>(n));
   std::uint32_t len = n;
   std::memcpy(msg.data(), &len, 4);
   std::memcpy(msg.data() + 4, data, n);
-  return queue_->insert(s, msg.data(), 4 + n, o.maxQueue, this, 1) == 4 + n ? n : 0;
+  return queue_->insert(s, msg.data(), 4 + n, o.maxQueue, this, 0) == 4 + n ? n : 0;
 }
 
 // --- Per-socket options ------------------------------------------------------------
