@@ -418,6 +418,8 @@ unsigned CLBuffer::_insert(unsigned id, char const *data, unsigned len, unsigned
       // as many of the oldest slots as it takes. A target slot must survive.
       if (split_ || !replaceWhenFull_ || target || len > rec.GetMaximum())
         return 0;
+      if (peekId_ == id)
+        peekId_ = peekCount_ = 0;  // the peeked bytes are about to go
       while (!rec.CanAddPacket(len) && rec.GetFirstSlot()) {
         CLDataBuf *oldest = rec.GetFirstSlot();
         rec.RemoveSlot(oldest);
@@ -576,6 +578,9 @@ unsigned CLBuffer::first(unsigned id, char *buf, unsigned *len, __int64 *userDat
     peekId_ = recId;
     peekCount_ = room;
   } else {
+    // The bytes a pending peek saw may be the ones taken now.
+    if (peekId_ == recId)
+      peekId_ = peekCount_ = 0;
     int erased = ConsumeFront(pos, buf, &room);
     if (done)
       *done = erased;

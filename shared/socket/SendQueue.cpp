@@ -116,6 +116,12 @@ unsigned int SendQueue::insert(unsigned int sock, char const *data, unsigned int
   SemGuard g(*lock_);
   unsigned stored = CLBuffer::insert(KeyOf(sock), data, len, arg, nullptr,
                                      static_cast<__int64>(reinterpret_cast<std::intptr_t>(ctrl)), nullptr, flag);
+  if (stored != 0 && stored < len) {
+    // All or nothing: a record cut short by the limit would leave a framed
+    // message in part, and a caller could not tell where its bytes ended.
+    DropBack(KeyOf(sock), stored);
+    stored = 0;
+  }
   if (stored && dump_ && CanDebug())
     dump_->Dump(sock, data, stored, 0);
   return stored;
@@ -165,22 +171,89 @@ int SendQueue::SendQueuedData(int mode, unsigned int sock) {
   return complete ? 1 : 0;
 }
 
+unsigned SendQueue::PeekFront(unsigned key, char *buf, unsigned max, SocketCtrl **ctrl, unsigned *held,
+                              unsigned *firstSlot) {
+  *ctrl = nullptr;
+  *held = *firstSlot = 0;
+  unsigned len = max;
+  __int64 user = 0;
+  int done = 0;
+  if (CLBuffer::first(key, buf, &len, &user, 0, &done) != key)
+    return 0;
+  *ctrl = reinterpret_cast<SocketCtrl *>(static_cast<std::intptr_t>(user));
+  *firstSlot = len;
+  CLCtrlData const *rec = FindRecord(key);
+  if (!rec)
+    return 0;
+  *held = rec->GetBytes();
+  CLDataBuf const *slot = rec->GetFirstSlot();
+  for (slot = slot ? slot->next : nullptr; slot && len < max; slot = slot->next) {
+    unsigned n = std::min(slot->used, max - len);
+    std::memcpy(buf + len, slot->data, n);
+    len += n;
+  }
+  return len;
+}
+
+void SendQueue::DropFront(unsigned key, unsigned n, unsigned firstSlot) {
+  unsigned head = std::min(n, firstSlot);
+  if (head > 0)
+    CLBuffer::poplastop(key, head);
+  n -= head;
+  while (n > 0) {
+    unsigned take = n;
+    int done = 0;
+    if (CLBuffer::first(key, nullptr, &take, nullptr, 1, &done) != key || take == 0)
+      return;
+    n -= take;
+  }
+}
+
+void SendQueue::SetFrontLength(unsigned key, std::uint32_t length) {
+  CLCtrlData *rec = FindRecord(key);
+  char bytes[4];
+  std::memcpy(bytes, &length, 4);
+  unsigned at = 0;
+  for (CLDataBuf *slot = rec ? rec->GetFirstSlot() : nullptr; slot && at < 4; slot = slot->next) {
+    for (unsigned i = 0; i < slot->used && at < 4; ++i)
+      slot->data[i] = bytes[at++];
+  }
+}
+
+void SendQueue::DropBack(unsigned key, unsigned n) {
+  CLCtrlData *rec = FindRecord(key);
+  while (rec && n > 0) {
+    CLDataBuf *slot = rec->GetLastSlot();
+    if (!slot)
+      break;
+    unsigned take = std::min(n, slot->used);
+    rec->RemoveData(slot, nullptr, take, slot->used - take);
+    n -= take;
+    if (slot->used == 0) {
+      rec->RemoveSlot(slot);
+      RecycleSlot(slot);
+    }
+  }
+  if (rec && !rec->GetFirstSlot())
+    CLBuffer::erase(key);
+}
+
 bool SendQueue::SendSocket(int mode, unsigned int sock) {
   unsigned const key = KeyOf(sock);
   char *buf = readBuf_.data();
   for (;;) {
-    unsigned len = kMaxReadBytes;
-    __int64 user = 0;
-    int done = 0;
-    if (CLBuffer::first(key, buf, &len, &user, 0, &done) != key)
+    SocketCtrl *ctrl = nullptr;
+    unsigned held = 0, firstSlot = 0;
+    // The front of the socket's bytes, across slots: a framed message longer
+    // than a slot is read whole (up to the read size).
+    unsigned const len = PeekFront(key, buf, kMaxReadBytes, &ctrl, &held, &firstSlot);
+    if (len == 0) {
+      if (held == 0 && FindRecord(key))
+        CLBuffer::erase(key);
       return true;  // nothing queued
-    auto *ctrl = reinterpret_cast<SocketCtrl *>(static_cast<std::intptr_t>(user));
+    }
     if (!ctrl || !ctrl->CanSendData(sock))
       return true;  // kept for a later pass; nothing was attempted
-    if (len == 0) {
-      CLBuffer::erase(key);
-      return true;
-    }
 
     ctrl->WaitSockOpt();
     SockOptions o;
@@ -192,41 +265,81 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
     if (accounting && o.rateLimit)
       allow = o.Allowance(len, now);
 
-    unsigned consumed = 0;  // bytes to drop from the front of the queue
-    unsigned sent = 0;      // payload bytes that went out
-    if (allow > 0 && !o.framed) {
-      if (ctrl->CanSendData(sock)) {
+    unsigned drop = 0;        // bytes to take off the front of the queue
+    unsigned sent = 0;        // payload bytes that went out
+    bool stalled = false;     // stopped for something this pass cannot change
+    std::uint32_t rest = 0;   // framed: unsent length of a message begun
+    bool begun = false;
+    if (!o.framed) {
+      if (allow > 0 && ctrl->CanSendData(sock)) {
         int r = ctrl->_write(buf, allow, sock, mode, 0, 1, 0, nullptr, 0, 0, nullptr);
         sent = r > 0 ? static_cast<unsigned>(r) : 0;
       }
-      consumed = sent;
+      drop = sent;
+      stalled = sent < len;
       if (sent && dump_ && CanDebug())
         dump_->Dump(sock, buf, sent, 1);
-    } else if (allow > 0) {
-      // Message by message; a message goes whole or waits for a later pass.
-      while (consumed + 4 <= len) {
-        std::uint32_t msgLen = 0;
-        std::memcpy(&msgLen, buf + consumed, 4);
-        if (msgLen > len - consumed - 4 || msgLen > allow - sent || !ctrl->CanSendData(sock))
+    } else {
+      // Message by message. A message goes whole or waits, except one that
+      // cannot ever go whole in one read or within one second's limit: it
+      // goes in pieces. A message the peer took only in part keeps its
+      // unsent tail first in line, under a length prefix rewritten to what
+      // is left, so nothing is lost, repeated or reordered.
+      while (!stalled) {
+        if (drop + 4 > len) {
+          stalled = drop == 0 || held == len;  // else: read on past this read
           break;
-        if (msgLen > 0) {
-          int r = ctrl->_write(buf + consumed + 4, msgLen, sock, mode, 1, 1, 0, nullptr, 0, 1, nullptr);
-          if (r <= 0)
-            break;
-          if (r != static_cast<int>(msgLen)) {
-            // Part of a message went out and the peer takes no more: the
-            // stream cannot carry on in step, so the socket is closed by
-            // its controller's next pass and its queue dropped with it.
-            ctrl->closeSSock(sock);
-            sent += static_cast<unsigned>(r);
-            consumed = len;
+        }
+        std::uint32_t msgLen = 0;
+        std::memcpy(&msgLen, buf + drop, 4);
+        unsigned const have = len - drop - 4;
+        unsigned piece = msgLen;
+        if (msgLen > have) {
+          // A message whose bytes are not all queued waits for them; one
+          // held whole but longer than this read goes in pieces.
+          if (held - drop - 4 < msgLen) {
+            stalled = true;
             break;
           }
-          if (dump_ && CanDebug())
-            dump_->Dump(sock, buf + consumed + 4, msgLen, 1);
+          if (have == 0)
+            break;  // read on from the message's prefix
+          piece = have;
         }
-        sent += msgLen;
-        consumed += 4 + msgLen;
+        unsigned const left = allow - sent;
+        if (piece > left) {
+          if (left == 0 || msgLen <= o.rateLimit) {
+            stalled = true;
+            break;
+          }
+          piece = left;  // longer than a whole second's allowance: in pieces
+        }
+        if (!ctrl->CanSendData(sock)) {
+          stalled = true;
+          break;
+        }
+        unsigned out = 0;
+        if (piece > 0) {
+          int r = ctrl->_write(buf + drop + 4, piece, sock, mode, 1, 1, 0, nullptr, 0, 0, nullptr);
+          out = r > 0 ? static_cast<unsigned>(r) : 0;
+          if (out && dump_ && CanDebug())
+            dump_->Dump(sock, buf + drop + 4, out, 1);
+        }
+        sent += out;
+        if (out == msgLen) {
+          drop += 4 + msgLen;
+          continue;
+        }
+        if (out > 0) {
+          // Dropping out bytes past the prefix leaves 4 bytes in front of
+          // the tail: they become its new prefix.
+          drop += out;
+          rest = msgLen - out;
+          begun = true;
+        }
+        // A piece cut to this read is followed by a new read; a short send
+        // or a used-up allowance ends the socket's turn.
+        stalled = out < piece || piece == left;
+        break;
       }
     }
     if (accounting) {
@@ -235,9 +348,11 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
       ctrl->UpdateSockOptions(sock, &o);
       ctrl->SignalSockOpt();
     }
-    if (consumed > 0)
-      CLBuffer::poplastop(key, consumed);
-    if (consumed < len)
+    if (drop > 0)
+      DropFront(key, drop, firstSlot);
+    if (begun)
+      SetFrontLength(key, rest);
+    if (stalled)
       return false;
   }
 }

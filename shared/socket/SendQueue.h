@@ -14,7 +14,10 @@
 //
 // A send pass applies the controller's per-socket SockOptions: a per-second
 // rate limit, byte counting and framed records (runs of [4-byte length in
-// host order][bytes], sent message by message without the prefix).
+// host order][bytes], sent message by message without the prefix). A pass
+// reads up to 65535 bytes from the front of a socket's record, across slots,
+// and takes off the front only what went out, so a partial send keeps its
+// unsent tail first (for a framed message, under a rewritten prefix).
 //
 // Ownership: the queue owns its store, its lock and its thread. It never owns
 // a controller; a controller drops its sockets' records (erase) before it
@@ -84,8 +87,9 @@ public:
 
   // Appends len bytes for sock, written later through ctrl. arg is the
   // record's byte limit (fixed by the insert that creates the record), flag
-  // starts a slot of its own. Returns the bytes queued (0 on refusal: bad
-  // arguments, queue not running, limit reached).
+  // starts a slot of its own. All or nothing: returns len, or 0 when
+  // refused (bad arguments, queue not running, the limit or the slots would
+  // be exceeded) with nothing queued.
   unsigned int insert(unsigned int sock, char const *data, unsigned int len, unsigned int arg, SocketCtrl *ctrl,
                       int flag);
   // Drops everything queued for sock; 1 when something was.
@@ -103,6 +107,18 @@ private:
   int ThreadLoop();
   // One socket of a pass (lock_ held): true when nothing was left behind.
   bool SendSocket(int mode, unsigned int sock);
+  // Copies up to max bytes from the front of record key, across its slots
+  // (the first slot's part is a peek that DropFront commits). Returns the
+  // count; *ctrl is the record's controller, *held its bytes in all,
+  // *firstSlot the part read from its first slot.
+  unsigned PeekFront(unsigned key, char *buf, unsigned max, SocketCtrl **ctrl, unsigned *held,
+                     unsigned *firstSlot);
+  // Takes n bytes (no more than PeekFront read) off the front of record key.
+  void DropFront(unsigned key, unsigned n, unsigned firstSlot);
+  // Overwrites the first 4 bytes of record key (a framed message's prefix).
+  void SetFrontLength(unsigned key, std::uint32_t length);
+  // Takes n bytes off the back of record key: undoes an insert in part.
+  void DropBack(unsigned key, unsigned n);
   void Gather(std::vector<std::uint32_t> *socks);
 
   std::atomic<int> ok_{0};

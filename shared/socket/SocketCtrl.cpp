@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace sp = shared::platform;
 using shared::SemGuard;
@@ -32,6 +33,15 @@ constexpr unsigned kDefaultFrag = 1400;
 constexpr int kMaxRetries = 30000;
 
 bool IsUdpProto(char const *proto) { return proto && _stricmp(proto, "udp") == 0; }
+
+// A time-out in seconds as milliseconds: negative is no limit (-1), a huge
+// value saturates instead of overflowing.
+long SecondsToMs(long seconds) {
+  constexpr long kMax = std::numeric_limits<long>::max() / 1000;
+  if (seconds < 0)
+    return -1;
+  return seconds > kMax ? kMax * 1000 : seconds * 1000;
+}
 
 // Waits up to ms for s to be ready for kinds (1 read, 2 write); the ready
 // mask (4 for error), 0 on time-out, -1 on failure.
@@ -529,7 +539,7 @@ int SocketCtrl::acceptUDP(SockUDPDataFn dataFn, SockUDPCloseFn closeFn, long sec
 int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
   if (!isSockOk())
     return 0;
-  long ms = seconds < 0 ? -1 : seconds * 1000;
+  long ms = SecondsToMs(seconds);
   PassGuard pass(*this);
   if (pass.Nested())
     return -1;
@@ -729,7 +739,7 @@ int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, lon
     *outSock = kNone;
   if (!buf || size == 0 || !isSockOk())
     return -1;
-  long ms = timeout < 0 ? -1 : timeout * 1000;
+  long ms = SecondsToMs(timeout);
   PassGuard pass(*this);
   if (pass.Nested())
     return -1;
@@ -808,19 +818,53 @@ int SocketCtrl::readLine(char *buf, unsigned int size, unsigned int sock) {
 
 int SocketCtrl::readInt(unsigned int sock) { return so_readInt(Resolve(sock)); }
 
+// Byte by byte, so nothing after the line leaves the socket (the caller may
+// read raw data next), and never blocking: each byte is awaited for the time
+// left, so a line that arrives in pieces is joined (a non-blocking socket
+// included) and a peer that stops in the middle of a line cannot hold the
+// caller past the time-out.
 int SocketCtrl::getmsg(char *buf, unsigned int size, long timeout, unsigned int sock) {
   SOCKET s = Resolve(sock);
   if (!buf || size == 0 || s == kNone)
     return -1;
   buf[0] = '\0';
-  int w = WaitOne(s, 1u, timeout < 0 ? -1 : timeout * 1000);
-  if (w < 0)
-    return -1;
-  if (w == 0)
-    return 0;
-  if (!so_readLine(buf, size, s))
-    return -1;
-  return static_cast<int>(std::strlen(buf));
+  long const limit = SecondsToMs(timeout);
+  std::uint32_t const start = sp::TickCount();
+  unsigned n = 0;
+  while (n < size - 1) {  // a longer line is cut; its rest stays in the socket
+    char c = 0;
+    int r = sp::SockRecv(s, &c, 1, false, true);
+    if (r == 1) {
+      if (c == '\n')
+        break;
+      if (c == '\r') {
+        char next = 0;
+        if (sp::SockRecv(s, &next, 1, true, true) == 1 && next == '\n')
+          sp::SockRecv(s, &next, 1, false, true);
+        break;
+      }
+      buf[n++] = c;
+      continue;
+    }
+    if (r == 0 || !SocketWouldBlock(-1)) {
+      buf[n] = '\0';
+      return -1;  // the stream ended or failed
+    }
+    long left = -1;
+    if (limit >= 0) {
+      long const spent = static_cast<long>(static_cast<std::uint32_t>(sp::TickCount() - start));
+      left = spent >= limit ? 0 : limit - spent;
+    }
+    int w = left == 0 ? 0 : WaitOne(s, 1u, left);
+    if (w <= 0) {
+      buf[n] = '\0';
+      // Nothing at all: a time-out. Part of a line: the line is lost, which
+      // a line protocol cannot recover from.
+      return w == 0 && n == 0 ? 0 : -1;
+    }
+  }
+  buf[n] = '\0';
+  return static_cast<int>(n);
 }
 
 // --- Writing ---------------------------------------------------------------------
@@ -1008,13 +1052,16 @@ unsigned int SocketCtrl::EnqueueData(unsigned int sock, char const *data, unsign
     return 0;
   if (!o.framed)
     return queue_->insert(s, data, n, o.maxQueue, this, 0);
-  // A framed socket's queue holds whole messages: [length][bytes], each in a
-  // slot of its own so a message never straddles two reads of the sender.
-  std::vector<char> msg(4 + n);
+  // A framed socket's queue holds whole messages, [length][bytes], packed
+  // into its slots (the sender reads across slots). The queue takes a
+  // message whole or not at all.
+  if (n > 0xFFFFFFFFu - 4)
+    return 0;
+  std::vector<char> msg(4 + static_cast<std::size_t>(n));
   std::uint32_t len = n;
   std::memcpy(msg.data(), &len, 4);
   std::memcpy(msg.data() + 4, data, n);
-  return queue_->insert(s, msg.data(), 4 + n, o.maxQueue, this, 1) == 4 + n ? n : 0;
+  return queue_->insert(s, msg.data(), 4 + n, o.maxQueue, this, 0) == 4 + n ? n : 0;
 }
 
 // --- Per-socket options ------------------------------------------------------------

@@ -259,9 +259,10 @@ public:
   int read(char *buf, unsigned int size, sockaddr_in *from, unsigned int sock, int all);
   int readLine(char *buf, unsigned int size, unsigned int sock);
   int readInt(unsigned int sock);
-  // Waits up to timeout seconds for a line of at most size - 1 bytes: its
-  // length (>= 0) when one was read, 0 on time-out, -1 when the stream ended
-  // or failed.
+  // Waits up to timeout seconds (-1: no limit) for a line of at most
+  // size - 1 bytes, however it arrives, and takes nothing past its end: its
+  // length (>= 0) when one was read, 0 on time-out with nothing received, -1
+  // when the stream ended or failed or the time ran out in mid-line.
   int getmsg(char *buf, unsigned int size, long timeout, unsigned int sock);
 
   // --- Writing -------------------------------------------------------------

@@ -228,6 +228,16 @@ TEST(CLBuffer, PeekThenPoplastopKeepsTheUnsentTailFirst) {
   queue.poplastop(5, 4);   // the peek is spent
   EXPECT_EQ(std::vector<std::string>{"456789abc"}, Drain(queue, 5));
 
+  // A consuming read in between spends the peek: the commit must not take
+  // bytes that the peek never saw.
+  Put(queue, 7, "abcdef");
+  len = 3;
+  queue.first(7, tmp, &len, nullptr, 0, &done);
+  len = 2;
+  queue.first(7, tmp, &len, nullptr, 1, &done);
+  queue.poplastop(7, 3);
+  EXPECT_EQ(std::vector<std::string>{"cdef"}, Drain(queue, 7));
+
   // A commit that empties the record erases it.
   Put(queue, 6, "xy");
   len = 100;

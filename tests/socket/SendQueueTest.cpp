@@ -149,6 +149,13 @@ TEST(SendQueue, InsertRefusalsAndEmptyPasses) {
   EXPECT_EQ(3u, q.GetSendQueueSize(0, &count));
   EXPECT_EQ(1, q.erase(0));
   EXPECT_EQ(0, q.HasData(0));
+  // All or nothing: an insert that would pass the record's limit part-way
+  // (its first slot-size piece fits, the rest not) queues none of it.
+  std::string const big(5000, 'b');
+  EXPECT_EQ(5000u, q.insert(7, big.data(), 5000, 9500, &c, 0));
+  EXPECT_EQ(0u, q.insert(7, big.data(), 5000, 9500, &c, 0));
+  EXPECT_EQ(5000u, q.GetSendQueueSize(7, &count));
+  q.erase(7);
 }
 
 TEST(SendQueue, StopAndStartTheThread) {
@@ -225,6 +232,39 @@ TEST(SendQueue, RateLimitSpreadsARecordOverSeconds) {
   EXPECT_TRUE(WaitFor([&] { return !link.srv.isSockSndBufFull(s); }));
   // 3000 bytes counted over the 2 seconds since the first one.
   EXPECT_EQ(3000u * 8 / 2, link.srv.GetBitRate(0, s));
+
+  // A framed message longer than a whole second's allowance cannot ever go
+  // whole: it goes in pieces of the allowance instead of waiting for ever.
+  ASSERT_EQ(1, link.srv.SetMaxSendQueue(100000, 1, s));
+  std::string const msg = Pattern(2500, 4);
+  ASSERT_EQ(2500, link.srv.write(msg.data(), 2500, s, 1, 1, 0, 0, nullptr));  // this second is used up
+  std::string got;
+  for (int second = 0; second < 3; ++second) {
+    clock.Advance(1000);
+    got += ReadN(fd, std::min<size_t>(1000, msg.size() - got.size()));
+  }
+  EXPECT_TRUE(got == msg);
+}
+
+// Framed messages longer than a slot, and one longer than a whole read of
+// the sender, reach a slow receiver whole and in order.
+TEST(SendQueue, FramedMessagesLongerThanASlotGoOutWhole) {
+  SendQueue q(1024, 64, 64);
+  Link link(&q);
+  unsigned s = link.Add();
+  ASSERT_EQ(1, link.srv.SetMaxSendQueue(8u << 20, 1, s));
+  std::string all;
+  unsigned seed = 0;
+  for (size_t n : {3000u, 70000u, 500u, 3000u, 20000u, 1020u, 1021u, 9000u}) {
+    std::string const m = Pattern(n, ++seed);
+    ASSERT_EQ(static_cast<int>(n), link.srv.write(m.data(), static_cast<unsigned>(n), s, 1, 1, 0, 0, nullptr));
+    all += m;
+  }
+  EXPECT_TRUE(link.srv.isSockSndBufFull(s));
+  std::string got = ReadN(link.clients[0], all.size());
+  ASSERT_EQ(all.size(), got.size());
+  EXPECT_TRUE(got == all) << "bytes lost, repeated or reordered";
+  EXPECT_TRUE(WaitFor([&] { return !link.srv.isSockSndBufFull(s); }));
 }
 
 TEST(SendQueue, FramedRecordsGoOutMessageByMessage) {

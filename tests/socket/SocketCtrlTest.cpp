@@ -518,6 +518,34 @@ TEST_P(SocketCtrlTest, ReadallAcceptsThenReadsAndReportsTheEnd) {
   EXPECT_EQ(0, srv->IsConnected(accepted));
 }
 
+// getmsg joins a line that arrives in pieces, also on a non-blocking socket,
+// and takes nothing past the line's end.
+TEST_P(SocketCtrlTest, GetmsgJoinsALineArrivingInPieces) {
+  auto sv = Serve(1);
+  unsigned s = sv->S(0);
+  ASSERT_EQ(1, sv->srv->set_non_blocking(s));
+  SendAll(sv->fds[0], "hel");
+  char buf[64] = {};
+  int r = -2;
+  std::thread reader([&] { r = sv->srv->getmsg(buf, sizeof(buf), 20, s); });
+  // Send the rest only once the reader has taken the first piece.
+  auto end = Clock::now() + kDeadline;
+  int pending = 1;
+  while (pending > 0 && Clock::now() < end) {
+    pollfd p{static_cast<int>(s), POLLIN, 0};
+    pending = ::poll(&p, 1, 10) > 0 ? 1 : 0;
+  }
+  SendAll(sv->fds[0], "lo\r\nnext\nraw");
+  reader.join();
+  EXPECT_EQ(5, r);
+  EXPECT_STREQ("hello", buf);
+  EXPECT_EQ(4, sv->srv->getmsg(buf, sizeof(buf), 20, s));
+  EXPECT_STREQ("next", buf);
+  char raw[8] = {};
+  EXPECT_EQ(3, sv->srv->read(raw, 3, nullptr, s, 1));
+  EXPECT_STREQ("raw", raw);
+}
+
 // Function-pointer form of the pass.
 std::vector<std::string> g_fnData;
 std::vector<std::string> g_fnCloses;
