@@ -98,11 +98,10 @@ unsigned FileRead::read_line(char *dst, unsigned size) {
   unsigned kept = 0;
   int p = CopyUntil(data, position_, size_, dst, size, &kept, EndsLine);
   if (p < size_) {
-    // Only CR takes a following LF with it: CR LF is one line end, while
-    // LF CR and LF LF are two.
-    bool cr = data[p] == kCr;
+    // Whatever ended the line (CR, LF or 0x1A) takes one LF right after it:
+    // CR LF is one line end, and so are LF LF and 0x1A LF; LF CR is two.
     ++p;
-    if (cr && p < size_ && data[p] == kLf)
+    if (p < size_ && data[p] == kLf)
       ++p;
   }
   position_ = p;

@@ -3,7 +3,8 @@
 // The constructor reads the file into memory and closes it; the readers never
 // touch the file again, so it may be replaced or removed while it is parsed.
 // Line ends are CR, LF and CR LF; the DOS end-of-file byte 0x1A ends a line
-// too, and when a read starts on it nothing more is read.
+// too, and when a read starts on it nothing more is read. Each line end also
+// takes one LF right after it, so LF LF and 0x1A LF end one line, not two.
 //
 // Copies share the loaded bytes (they are never written after loading); each
 // copy has its own position and caches, and either may be destroyed first.

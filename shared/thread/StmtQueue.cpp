@@ -45,10 +45,11 @@ StmtQueue::StmtQueue(int threadResult, char const *name)
       name_{},
       lock_(3, 1, 0, kForever, -1),
       itemsSignal_(1, 0x7FFFFFFF, 0, kForever, 0),
+      joinLock_(3, 1, 0, kForever, -1),
       thread_(nullptr) {
   if (!comp_branco(name))
     ajusta_str(name, name_, 63);
-  if (!lock_.IsOk() || !itemsSignal_.IsOk())
+  if (!lock_.IsOk() || !itemsSignal_.IsOk() || !joinLock_.IsOk())
     return;
   shared::SemGuard guard(lock_, "StmtQueue::StmtQueue");
   ok_ = StartExecStmtThread();
@@ -129,6 +130,10 @@ void StmtQueue::Abort() {
 }
 
 void StmtQueue::JoinThread() {
+  // A second Abort (or a Start) while the first one waits for the drain must
+  // wait too: returning at once, it would delete the items still queued
+  // unexecuted, and its caller could destroy the queue under the thread.
+  shared::SemGuard join(joinLock_, "StmtQueue::JoinThread");
   IThread *thread = nullptr;
   {
     shared::SemGuard guard(lock_, "StmtQueue::JoinThread");

@@ -79,7 +79,9 @@ public:
 private:
   static int DoExecStmt(IThread *thread, void *queue);
   int StartExecStmtThread();  // caller holds lock_
-  void JoinThread();          // takes the thread out and joins it (not on it)
+  // Takes the thread out and joins it (not on it). Callers that come while
+  // another one is joining wait for that join to end.
+  void JoinThread();
 
   int ok_;
   int stopped_;    // guarded by lock_
@@ -88,6 +90,7 @@ private:
   char name_[64];
   _SEMAPHORE lock_;         // kind 3: guards the list, the flags and thread_
   _SEMAPHORE itemsSignal_;  // kind 1: one count per item added (and per Abort)
+  _SEMAPHORE joinLock_;     // kind 3: held across a join; taken before lock_, never by the thread
   IThread *thread_;         // guarded by lock_
   std::list<XObj *> items_; // guarded by lock_: oldest first, owned
 };

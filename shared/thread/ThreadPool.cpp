@@ -42,9 +42,12 @@ ThreadPool::ThreadPool(unsigned maxThreads)
       maxThreads_(kUnlimited),
       lock_(new (std::nothrow) _SEMAPHORE(3, 1, 0, kForever, -1)),
       endSignal_(new (std::nothrow) _SEMAPHORE(1, 0x7FFFFFFF, 0, kForever, 0)),
+      reapLock_(new (std::nothrow) _SEMAPHORE(3, 1, 0, kForever, -1)),
+      reaping_(nullptr),
       reaper_(nullptr),
       closing_(false) {
-  if (!lock_ || !lock_->IsOk() || !endSignal_ || !endSignal_->IsOk())
+  if (!lock_ || !lock_->IsOk() || !endSignal_ || !endSignal_->IsOk() || !reapLock_ ||
+      !reapLock_->IsOk())
     return;
   // Woken by NotifyEndThread rather than polling once a second: a finished
   // job is joined at once, a burst of short jobs does not pile up threads,
@@ -87,6 +90,7 @@ ThreadPool::~ThreadPool() {
   for (auto const &entry : jobs)
     kill_elem(entry.first, entry.second);
 
+  delete reapLock_;
   delete endSignal_;
   delete lock_;
 }
@@ -138,15 +142,26 @@ void ThreadPool::StopThread(IThreadObj *job) {
     return;
   }
   IThread *thread = nullptr;
+  bool found = false;
+  bool beingReaped = false;
   {
     shared::SemGuard guard(*lock_, "ThreadPool::StopThread");
     unsigned const pos = search(job, &thread);
-    if (pos == 0)
-      return;
-    eraseIndex(pos, 0);
-    RemoveFromEnding(job);
+    found = pos != 0;
+    if (!found) {
+      beingReaped = reaping_.load(std::memory_order_acquire) == job;
+    } else {
+      eraseIndex(pos, 0);
+      RemoveFromEnding(job);
+    }
   }
-  kill_elem(job, thread);
+  if (found) {
+    kill_elem(job, thread);
+  } else if (beingReaped) {
+    // The reaper took it first and is joining and deleting it: the caller
+    // may rely on the job being gone once this returns.
+    shared::SemGuard wait(*reapLock_, "ThreadPool::StopThread");
+  }
 }
 
 void ThreadPool::NotifyEndThread(IThreadObj *job) {
@@ -189,10 +204,19 @@ bool ThreadPool::TakeEndedJob(IThreadObj **job, IThread **thread) {
     if (pos != 0) {
       eraseIndex(pos, 0);
       *job = candidate;
+      // Taken in the same step as the removal, so that a StopThread that no
+      // longer finds the job in the table finds it here.
+      reapLock_->Wait(1, "ThreadPool::KillThreads");
+      reaping_.store(candidate, std::memory_order_release);
       return true;
     }
   }
   return false;
+}
+
+void ThreadPool::EndReaping() {
+  reaping_.store(nullptr, std::memory_order_release);
+  reapLock_->Signal("ThreadPool::KillThreads");
 }
 
 void ThreadPool::RemoveFromEnding(IThreadObj *job) { ending_.remove(job); }
@@ -230,8 +254,10 @@ int ThreadPool::DoKillThreads(IThread *thread, void *arg) {
     pool->endSignal_->Wait(1, "ThreadPool::KillThreads");
     IThreadObj *job = nullptr;
     IThread *jobThread = nullptr;
-    while (!pool->DoExit() && pool->TakeEndedJob(&job, &jobThread))
+    while (!pool->DoExit() && pool->TakeEndedJob(&job, &jobThread)) {
       pool->kill_elem(job, jobThread);
+      pool->EndReaping();
+    }
   }
   return 0;
 }

@@ -17,7 +17,9 @@
 // returned needs that lock to report its end, so joining under it could wait
 // for ever. StopThread and the destructor take the job out of the table under
 // the lock, then stop and join it outside. A job may StopThread itself: that
-// only asks it to end (it is reaped once its body returns).
+// only asks it to end (it is reaped once its body returns). The reaper holds
+// a second lock while it stops a job it took (taken after the pool lock), so
+// that a StopThread of that job waits until it is deleted.
 //
 // Destruction asks every running job to end and waits for each, without
 // limit: a job that never looks at DoExit() keeps the destructor waiting.
@@ -81,8 +83,9 @@ public:
   // thread could not be made).
   int StartThread(IThreadObj *job);
   // Takes job out of the table, asks it to end, waits for its thread and
-  // deletes both. Nothing when job is not in the table. Called by the job's
-  // own body, it only asks the job to end.
+  // deletes both. Nothing when job is not in the table; when the reaper has
+  // just taken it, waits until the reaper has deleted it. Called by the
+  // job's own body, it only asks the job to end.
   void StopThread(IThreadObj *job);
   // Called by a job's thread when its body has returned: puts the job on the
   // ending list (once) and wakes the reaper.
@@ -108,8 +111,10 @@ private:
   static int DoThreadMain(IThread *thread, void *job);
   static int DoKillThreads(IThread *thread, void *pool);
   // Under the lock: takes the oldest ended job and its thread out of the
-  // ending list and the table. False when there is none.
+  // ending list and the table, and takes reapLock_ for the reaper (released
+  // by EndReaping once the job is deleted). False when there is none.
   bool TakeEndedJob(IThreadObj **job, IThread **thread);
+  void EndReaping();
   void RemoveFromEnding(IThreadObj *job);  // caller holds the lock
 
   int ok_;
@@ -117,6 +122,8 @@ private:
   std::atomic<unsigned> maxThreads_;
   _SEMAPHORE *lock_;        // kind 3; guards the table, ending_ and closing_
   _SEMAPHORE *endSignal_;   // kind 1: one count per NotifyEndThread, wakes the reaper
+  _SEMAPHORE *reapLock_;    // kind 3: held by the reaper while it stops a job; after lock_
+  std::atomic<IThreadObj *> reaping_;  // the job reapLock_ is held for, else null
   IThread *reaper_;
   std::list<IThreadObj *> ending_;  // guarded by lock_: bodies returned, oldest first
   bool closing_;                    // guarded by lock_: destruction has taken the table

@@ -32,13 +32,14 @@ TEST(FileRead, EveryLineEndCombination) {
       {"a\r\n\r\nb", {{2, "a"}, {1, ""}, {2, "b"}}},
       {"one\ntwo\n", {{4, "one"}, {4, "two"}}},
       {"a\n\rb", {{2, "a"}, {1, ""}, {2, "b"}}},  // LF CR is two ends
-      {"a\n\nb", {{2, "a"}, {1, ""}, {2, "b"}}},
+      {"a\n\nb\n\n\nc", {{2, "a"}, {2, "b"}, {1, ""}, {2, "c"}}},  // each end takes one LF after it
       {"a\r\r\nb", {{2, "a"}, {1, ""}, {2, "b"}}},
       {"x\r\nlast", {{2, "x"}, {5, "last"}}},
       {"\x1A" "abc\n", {}},
       {"ab\x1A" "cd\n", {{3, "ab"}, {3, "cd"}}},
       {"ab\n\x1A" "cd", {{3, "ab"}}},
-      {"ab\x1A\ncd", {{3, "ab"}, {1, ""}, {3, "cd"}}},  // no LF is taken after 0x1A
+      {"ab\x1A\ncd", {{3, "ab"}, {3, "cd"}}},  // 0x1A takes the LF after it like the others
+      {"ab\x1A\x1A" "cd", {{3, "ab"}}},
       {std::string("a\0b\n", 4), {{4, "a"}}},              // NUL is an ordinary byte
   };
   TempDir tmp;

@@ -105,12 +105,24 @@ TEST(StmtQueue, AbortDrainsQueuedItemsThenRefusesUntilStart) {
   EXPECT_EQ(2u, q.GetnItems());
 
   std::thread aborter([&q] { q.Abort(); });
-  ASSERT_TRUE(Eventually([&] { return q.IsStarted() == 0; }));  // stopped: refusing
+  ASSERT_TRUE(Eventually([&] { return q.IsStarted() == 0 && q.GetThreadId() == nullptr; }));  // joining
   Item late("late");
   EXPECT_EQ(0, q.Add(&late));  // the caller keeps it
   EXPECT_EQ(0u, q.GetnItems());
+  // A second Abort meanwhile waits for the same drain: it neither returns
+  // early nor throws away B and C.
+  Latch secondReturned;
+  std::vector<std::string> seenBySecond;
+  std::thread second([&] {
+    q.Abort();
+    seenBySecond = q.Done();
+    secondReturned.Open();
+  });
+  EXPECT_FALSE(secondReturned.WaitFor(200));
   hold.Open();
   aborter.join();
+  second.join();
+  EXPECT_EQ((std::vector<std::string>{"A", "B", "C"}), seenBySecond);
   EXPECT_EQ((std::vector<std::string>{"A", "B", "C"}), q.Done());
   EXPECT_EQ(nullptr, q.GetThreadId());
   EXPECT_FALSE(Listed(") StmtQueue: Exec Stmt Thread (db)"));

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -25,7 +26,13 @@ struct Tally {
 class Job : public IThreadObj {
 public:
   Job(Tally &t, char const *name, Latch *release) : IThreadObj(name), tally_(t), release_(release) {}
-  ~Job() override { ++tally_.deleted; }
+  ~Job() override {
+    if (dying) {  // held in its destructor until released
+      dying->Open();
+      EXPECT_TRUE(holdDeath->Wait());
+    }
+    ++tally_.deleted;
+  }
   int ThreadFunc() override {
     ++tally_.started;
     entered.Open();
@@ -39,6 +46,8 @@ public:
   }
   Latch entered;
   bool stopSelf = false;
+  Latch *dying = nullptr;
+  Latch *holdDeath = nullptr;
 
 private:
   Tally &tally_;
@@ -104,6 +113,29 @@ TEST(ThreadPool, StopThreadOfRunningUnknownAndSelfStoppingJobs) {
   self->stopSelf = true;  // StopThread from its own body must not join itself
   ASSERT_NE(0, pool.StartThread(self));
   ASSERT_TRUE(Eventually([&] { return tally.deleted.load() == 2; }));
+}
+
+// StopThread of a job the reaper has already taken returns only once the
+// job is deleted, as for a job it stops itself.
+TEST(ThreadPool, StopThreadWaitsForAJobTheReaperIsDeleting) {
+  Tally tally;
+  Latch dying, holdDeath, stopped;
+  ThreadPool pool;
+  auto *job = new Job(tally, "reaped job", nullptr);
+  job->dying = &dying;
+  job->holdDeath = &holdDeath;
+  ASSERT_NE(0, pool.StartThread(job));
+  ASSERT_TRUE(dying.Wait());  // the reaper is in its destructor
+  int deletedOnReturn = -1;
+  std::thread stopper([&] {
+    pool.StopThread(job);  // no longer in the table: only its address is used
+    deletedOnReturn = tally.deleted.load();
+    stopped.Open();
+  });
+  EXPECT_FALSE(stopped.WaitFor(200));
+  holdDeath.Open();
+  stopper.join();
+  EXPECT_EQ(1, deletedOnReturn);
 }
 
 // A job whose body has just returned reports its end under the pool lock;

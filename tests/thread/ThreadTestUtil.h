@@ -26,6 +26,11 @@ public:
     std::unique_lock<std::mutex> lock(mutex_);
     return cv_.wait_for(lock, std::chrono::seconds(30), [this] { return open_; });
   }
+  // For a latch that should stay shut: false after ms without an Open.
+  bool WaitFor(int ms) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return open_; });
+  }
   bool IsOpen() {
     std::lock_guard<std::mutex> lock(mutex_);
     return open_;
