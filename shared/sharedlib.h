@@ -43,6 +43,7 @@
 #include "socket/TxtBuf_reg.h"
 
 // sockbuf
+#include "sockbuf/ISockBuff.h"
 
 // server
 

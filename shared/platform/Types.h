@@ -16,7 +16,9 @@ using __int64 = long long;  // NOLINT: the Win32 spelling
 #  ifndef __stdcall
 #    define __stdcall
 #  endif
-using HRESULT = long;
+// 32 bits on every platform: results cross module boundaries and are
+// compared with the Win32 values, which a 64-bit long would sign-extend.
+using HRESULT = std::int32_t;
 // The socket handle: the descriptor number as an unsigned 32-bit value.
 using SOCKET = std::uint32_t;
 constexpr SOCKET INVALID_SOCKET = 0xFFFFFFFFu;
@@ -42,3 +44,4 @@ constexpr HRESULT STG_E_INCOMPLETE = static_cast<HRESULT>(static_cast<std::int32
 
 static_assert(sizeof(SOCKET) == 4, "socket handles are 32-bit values");
 static_assert(sizeof(__int64) == 8, "__int64 is 64-bit");
+static_assert(sizeof(HRESULT) == 4, "HRESULT is a 32-bit value");
