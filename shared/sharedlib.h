@@ -44,6 +44,7 @@
 
 // sockbuf
 #include "sockbuf/ISockBuff.h"
+#include "sockbuf/SockUrl.h"
 
 // server
 
