@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <thread>
 
 namespace sp = shared::platform;
 using shared::SemGuard;
@@ -48,6 +49,12 @@ void SendQueue::SetDebugDump(ISendQueueDump *dump) {
 
 int SendQueue::StartSendQueueThread() {
   std::lock_guard<std::mutex> t(threadMutex_);
+  if (thread_ && stop_.load(std::memory_order_acquire) && !OnSendThread()) {
+    // A thread that stopped itself is collected before a new one starts.
+    thread_->WaitForMe(IThread::kInfinite);
+    delete thread_;
+    thread_ = nullptr;
+  }
   if (thread_ || !CLBuffer::IsOk())
     return 0;
   stop_.store(0, std::memory_order_release);
@@ -65,6 +72,13 @@ int SendQueue::StartSendQueueThread() {
 
 void SendQueue::StopSendQueueThread() {
   stop_.store(1, std::memory_order_release);
+  if (OnSendThread()) {
+    // Called from the send thread itself (a dump callback): it cannot wait
+    // for its own end. It ends after this pass; the next start or stop from
+    // another thread, or the destructor, collects it.
+    ok_.store(0, std::memory_order_release);
+    return;
+  }
   std::lock_guard<std::mutex> t(threadMutex_);
   if (!thread_)
     return;
@@ -93,7 +107,12 @@ void SendQueue::Gather(std::vector<std::uint32_t> *socks) {
     socks->push_back(SockOf(id));
 }
 
+bool SendQueue::OnSendThread() const {
+  return threadId_.load(std::memory_order_acquire) == std::this_thread::get_id();
+}
+
 int SendQueue::ThreadLoop() {
+  threadId_.store(std::this_thread::get_id(), std::memory_order_release);
   std::vector<std::uint32_t> socks;
   socks.reserve(kMaxSockets);
   while (!stop_.load(std::memory_order_acquire)) {
@@ -106,6 +125,7 @@ int SendQueue::ThreadLoop() {
     for (unsigned slept = 0; slept < kPauseMs && !stop_.load(std::memory_order_acquire); slept += kPauseSliceMs)
       sp::SleepMs(kPauseSliceMs);
   }
+  threadId_.store(std::thread::id(), std::memory_order_release);
   return kThreadResult;
 }
 
@@ -134,6 +154,19 @@ int SendQueue::erase(unsigned int sock) {
   return CLBuffer::erase(KeyOf(sock));
 }
 
+int SendQueue::EraseFor(unsigned int sock, SocketCtrl const *ctrl) {
+  if (sock == kNoSocket)
+    return 0;
+  SemGuard g(*lock_);
+  CLCtrlData const *rec = FindRecord(KeyOf(sock));
+  if (!rec || reinterpret_cast<SocketCtrl const *>(static_cast<std::intptr_t>(rec->GetUserData())) != ctrl)
+    return 0;
+  return CLBuffer::erase(KeyOf(sock));
+}
+
+SendQueue::Hold::Hold(SendQueue &q) : q_(q) { q_.lock_->Wait(1); }
+SendQueue::Hold::~Hold() { q_.lock_->Signal(); }
+
 int SendQueue::HasData(unsigned int sock) {
   if (sock == kNoSocket)
     return 0;
@@ -156,10 +189,12 @@ unsigned int SendQueue::GetSendQueueSize(unsigned int sock, unsigned int *count)
   return size;
 }
 
-int SendQueue::SendQueuedData(int mode, unsigned int sock) {
+// mode is kept for callers; every send of the queue is the same non-waiting
+// send, so it changes nothing.
+int SendQueue::SendQueuedData(int /*mode*/, unsigned int sock) {
   SemGuard g(*lock_);
   if (sock != kNoSocket)
-    return SendSocket(mode, sock) ? 1 : 0;
+    return SendSocket(sock) ? 1 : 0;
   // A snapshot of the ids: a pass erases records it empties.
   ids_.clear();
   set_pos(0);
@@ -167,7 +202,7 @@ int SendQueue::SendQueuedData(int mode, unsigned int sock) {
     ids_.push_back(id);
   bool complete = true;
   for (unsigned id : ids_)
-    complete = SendSocket(mode, SockOf(id)) && complete;
+    complete = SendSocket(SockOf(id)) && complete;
   return complete ? 1 : 0;
 }
 
@@ -238,7 +273,7 @@ void SendQueue::DropBack(unsigned key, unsigned n) {
     CLBuffer::erase(key);
 }
 
-bool SendQueue::SendSocket(int mode, unsigned int sock) {
+bool SendQueue::SendSocket(unsigned int sock) {
   unsigned const key = KeyOf(sock);
   char *buf = readBuf_.data();
   for (;;) {
@@ -261,9 +296,9 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
     if (!accounting)
       ctrl->SignalSockOpt();
     std::int64_t const now = sp::NowSeconds();
-    unsigned allow = len;
-    if (accounting && o.rateLimit)
-      allow = o.Allowance(len, now);
+    // Reserved at once under the option lock, so a writer of the same
+    // socket cannot spend the same allowance; what is not sent goes back.
+    unsigned const allow = accounting ? o.Reserve(len, now) : len;
 
     unsigned drop = 0;        // bytes to take off the front of the queue
     unsigned sent = 0;        // payload bytes that went out
@@ -272,8 +307,7 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
     bool begun = false;
     if (!o.framed) {
       if (allow > 0 && ctrl->CanSendData(sock)) {
-        int r = ctrl->_write(buf, allow, sock, mode, 0, 1, 0, nullptr, 0, 0, nullptr);
-        sent = r > 0 ? static_cast<unsigned>(r) : 0;
+        sent = static_cast<unsigned>(ctrl->SendFromQueue(buf, allow, sock));
       }
       drop = sent;
       stalled = sent < len;
@@ -319,8 +353,7 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
         }
         unsigned out = 0;
         if (piece > 0) {
-          int r = ctrl->_write(buf + drop + 4, piece, sock, mode, 1, 1, 0, nullptr, 0, 0, nullptr);
-          out = r > 0 ? static_cast<unsigned>(r) : 0;
+          out = static_cast<unsigned>(ctrl->SendFromQueue(buf + drop + 4, piece, sock));
           if (out && dump_ && CanDebug())
             dump_->Dump(sock, buf + drop + 4, out, 1);
         }
@@ -343,13 +376,14 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
       }
     }
     if (accounting) {
-      if (sent > 0)
-        o.Count(sent, now);
+      o.Settle(allow, sent, now);
       ctrl->UpdateSockOptions(sock, &o);
       ctrl->SignalSockOpt();
     }
     if (drop > 0)
       DropFront(key, drop, firstSlot);
+    if (drop == held)
+      ctrl->QueueDrained(sock);
     if (begun)
       SetFrontLength(key, rest);
     if (stalled)

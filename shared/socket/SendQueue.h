@@ -39,6 +39,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 class IThread;
@@ -94,19 +95,37 @@ public:
                       int flag);
   // Drops everything queued for sock; 1 when something was.
   int erase(unsigned int sock) override;
+  // Drops sock's bytes only when they were queued through ctrl (a number
+  // closed by one controller may already be another's); 1 when dropped.
+  int EraseFor(unsigned int sock, SocketCtrl const *ctrl);
   // 1 when bytes are queued for sock.
   int HasData(unsigned int sock);
   // Bytes queued for sock (*count too); 0 when not running or sock is -1.
   unsigned int GetSendQueueSize(unsigned int sock, unsigned int *count);
   // One send pass over sock, or over every socket for -1. 1 when everything
-  // attempted went out whole, 0 when some socket kept data.
+  // attempted went out whole, 0 when some socket kept data. Never waits for
+  // a socket to take bytes.
   int SendQueuedData(int mode, unsigned int sock);
+
+  // Holds the queue's lock for a scope: a writer keeps a message and the
+  // bytes queued before it in order (SocketCtrl::write).
+  class SHAREDLIB_API Hold {
+  public:
+    explicit Hold(SendQueue &q);
+    ~Hold();
+    Hold(Hold const &) = delete;
+    Hold &operator=(Hold const &) = delete;
+
+  private:
+    SendQueue &q_;
+  };
 
 private:
   static int _DoSendQueueThread(IThread *thread, void *arg);
   int ThreadLoop();
   // One socket of a pass (lock_ held): true when nothing was left behind.
-  bool SendSocket(int mode, unsigned int sock);
+  bool SendSocket(unsigned int sock);
+  bool OnSendThread() const;
   // Copies up to max bytes from the front of record key, across its slots
   // (the first slot's part is a peek that DropFront commits). Returns the
   // count; *ctrl is the record's controller, *held its bytes in all,
@@ -124,6 +143,7 @@ private:
   std::atomic<int> ok_{0};
   std::atomic<int> stop_{0};
   std::atomic<int> debug_{0};
+  std::atomic<std::thread::id> threadId_{};  // the running send thread's id
   ISendQueueDump *dump_ = nullptr;   // guarded by lock_
   IThread *thread_ = nullptr;        // guarded by threadMutex_; owned
   _SEMAPHORE *lock_ = nullptr;       // owned
