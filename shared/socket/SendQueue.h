@@ -7,10 +7,11 @@
 // through which the bytes must be written. The record id is the socket
 // handle plus one, because descriptor 0 is a valid socket and id 0 is not.
 //
-// The thread repeats until stopped: gather up to 2048 sockets with queued
-// data, wait up to 1 s for any of them to be writable (poll, so any
-// descriptor number works), run one send pass over all sockets, pause
-// 300 ms (through the clock seam).
+// The thread is event-driven: it sleeps until an insert or a stop wakes it
+// or a socket with queued bytes can take some (poll over every such socket,
+// any number, any descriptor), and serves each writable socket at once. A
+// socket that could take bytes but may not (rate limit, framing, a refusing
+// controller) rests until the next insert or kPauseMs later.
 //
 // A send pass applies the controller's per-socket SockOptions: a per-second
 // rate limit, byte counting and framed records (runs of [4-byte length in
@@ -36,6 +37,7 @@
 
 #include "media/CLBuffer.h"
 #include "platform/Export.h"
+#include "platform/Readiness.h"
 
 #include <atomic>
 #include <mutex>
@@ -59,9 +61,7 @@ protected:
 class SHAREDLIB_API SendQueue : public CLBuffer {
 public:
   static constexpr unsigned kMaxReadBytes = 65535;  // bytes read per record per send
-  static constexpr unsigned kMaxSockets = 2048;     // sockets gathered per cycle
-  static constexpr unsigned kWaitMs = 1000;         // writability wait per cycle
-  static constexpr unsigned kPauseMs = 300;         // pause between cycles
+  static constexpr unsigned kPauseMs = 300;         // rest of a socket that may not send yet
 
   // The store is CLBuffer(slotSize, initialSlots, 0, 0, 1, 0, growthSlots):
   // byte streams per socket, split over slots. Starts the thread when the
@@ -124,7 +124,8 @@ private:
   static int _DoSendQueueThread(IThread *thread, void *arg);
   int ThreadLoop();
   // One socket of a pass (lock_ held): true when nothing was left behind.
-  bool SendSocket(unsigned int sock);
+  // *progress (when given) is set when bytes left the queue.
+  bool SendSocket(unsigned int sock, bool *progress);
   bool OnSendThread() const;
   // Copies up to max bytes from the front of record key, across its slots
   // (the first slot's part is a peek that DropFront commits). Returns the
@@ -148,6 +149,7 @@ private:
   IThread *thread_ = nullptr;        // guarded by threadMutex_; owned
   _SEMAPHORE *lock_ = nullptr;       // owned
   std::mutex threadMutex_;           // serialises start and stop
+  shared::platform::WakeFd wake_;    // signalled by insert and stop
   std::vector<char> readBuf_;        // guarded by lock_: one record read
   std::vector<std::uint32_t> ids_;   // guarded by lock_: ids of a pass
 };

@@ -242,8 +242,9 @@ void SocketCtrl::Wake() {
   wakes_.fetch_add(1, std::memory_order_release);
 }
 
+// inWait_ was set with waiting_ under lock_, so a change recorded after that
+// always signals, even one made before the wait itself began.
 int SocketCtrl::WaitForEvents(long ms) {
-  inWait_.store(true, std::memory_order_release);
   int n = demux_->EventHandler(kSewRead, ms, static_cast<int>(kSewSelectMaxSockets));
   inWait_.store(false, std::memory_order_release);
   // A signal that raced the end of the wait is drained by the next wait at
@@ -591,6 +592,7 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
         ms = 0;  // marks made since the last pass are due now, not after a wait
     }
     waiting_ = canWait;
+    inWait_.store(canWait, std::memory_order_release);
   }
   if (!canWait) {
     // Nothing to wait on: the pass is a pause (through the clock seam).
@@ -925,6 +927,7 @@ int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, lon
       {
         SemGuard g(*lock_);
         waiting_ = true;
+        inWait_.store(true, std::memory_order_release);
       }
       int n = WaitForEvents(TimeLeft(ms, start));
       SemGuard g(*lock_);

@@ -10,9 +10,11 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -384,6 +386,38 @@ TEST(SendQueue, StopFromItsOwnThreadDoesNotDeadlock) {
   ASSERT_EQ(3u, link.srv.EnqueueData(s, "def", 3));
   EXPECT_EQ("def", ReadN(link.clients[0], 3));
   q.SetDebugDump(nullptr);
+}
+
+// The thread watches every socket with queued bytes, however many: more
+// sockets than select could hold all drain, each in order.
+TEST(SendQueue, ManyQueuedSocketsAllDrainInOrder) {
+  constexpr int kSockets = 2100;
+  rlimit rl{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &rl));
+  rl.rlim_cur = std::min<rlim_t>(rl.rlim_max, 2 * kSockets + 64);
+  ::setrlimit(RLIMIT_NOFILE, &rl);
+  if (rl.rlim_cur < 2 * kSockets + 64)
+    GTEST_SKIP() << "descriptor limit too low";
+  SendQueue q(4096, 64, 64);
+  SocketCtrl c(&q, 0, 0, 1, 0, "many");
+  std::vector<std::array<int, 2>> pairs(kSockets);
+  for (auto &p : pairs) {
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, p.data()));
+    unsigned s = static_cast<unsigned>(p[0]);
+    ASSERT_EQ(1, c.SetMaxSendQueue(100000, 0, s));
+    std::string const head = "head" + std::to_string(p[0]);
+    std::string const tail = "tail" + std::to_string(p[0]);
+    ASSERT_EQ(head.size(), c.EnqueueData(s, head.data(), static_cast<unsigned>(head.size())));
+    ASSERT_EQ(tail.size(), c.EnqueueData(s, tail.data(), static_cast<unsigned>(tail.size())));
+  }
+  for (auto &p : pairs) {
+    std::string const want = "head" + std::to_string(p[0]) + "tail" + std::to_string(p[0]);
+    EXPECT_EQ(want, ReadN(p[1], want.size()));
+  }
+  for (auto &p : pairs) {
+    c.closesocket(static_cast<unsigned>(p[0]));
+    ::close(p[1]);
+  }
 }
 
 }  // namespace
