@@ -76,4 +76,24 @@ private:
   int capacity_ = 0;
 };
 
+// A descriptor that another thread can make readable at once, to end a
+// readiness wait early (an eventfd on Linux). Register Fd() with the wait;
+// Signal from any thread; Drain after the wait so it blocks again.
+class SHAREDLIB_API WakeFd {
+public:
+  WakeFd();
+  ~WakeFd();
+  WakeFd(WakeFd const &) = delete;
+  WakeFd &operator=(WakeFd const &) = delete;
+
+  bool IsOpen() const { return fd_ >= 0; }
+  int Fd() const { return fd_; }
+  void Signal();
+  void Drain();
+
+private:
+  int fd_ = -1;
+  int writeFd_ = -1;  // the pipe's write end where there is no eventfd
+};
+
 }  // namespace shared::platform

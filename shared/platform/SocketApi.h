@@ -29,6 +29,9 @@ struct SockErrors {
   static int const kNoBufs;       // ENOBUFS
   static int const kBadHandle;    // EBADF
   static int const kInvalid;      // EINVAL
+  static int const kMsgSize;      // EMSGSIZE: a datagram longer than the buffer was cut
+  static int const kProcFiles;    // EMFILE: the process is out of descriptors
+  static int const kSysFiles;     // ENFILE: the system is out of descriptors
 };
 
 // The per-thread last socket error.
@@ -56,8 +59,20 @@ SOCKET SockAccept(SOCKET s, sockaddr_in *peer);
 // recv()/send(). peek reads without consuming; dontWait makes this one call
 // non-blocking whatever the socket's mode.
 int SockRecv(SOCKET s, void *buf, unsigned len, bool peek = false, bool dontWait = false);
+// A datagram longer than len is cut to len: the call then fails (-1) with
+// kMsgSize, the len bytes are in buf and *from is filled, as Winsock does.
 int SockRecvFrom(SOCKET s, void *buf, unsigned len, sockaddr_in *from, bool dontWait = false);
-int SockSend(SOCKET s, void const *buf, unsigned len);
+int SockSend(SOCKET s, void const *buf, unsigned len, bool dontWait = false);
+// One piece of a gathered send.
+struct SockPiece {
+  void const *data;
+  unsigned len;
+};
+// sendmsg() of count pieces in one call (count is cut to 64); the bytes
+// sent, -1 on failure.
+int SockSendPieces(SOCKET s, SockPiece const *pieces, unsigned count, bool dontWait);
+// True while s names an open descriptor (of any kind).
+bool SockIsOpen(SOCKET s);
 int SockSendTo(SOCKET s, void const *buf, unsigned len, sockaddr_in const *to);
 
 int SockGetName(SOCKET s, sockaddr_in *out);

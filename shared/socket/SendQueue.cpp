@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <thread>
 
 namespace sp = shared::platform;
 using shared::SemGuard;
@@ -48,6 +49,12 @@ void SendQueue::SetDebugDump(ISendQueueDump *dump) {
 
 int SendQueue::StartSendQueueThread() {
   std::lock_guard<std::mutex> t(threadMutex_);
+  if (thread_ && stop_.load(std::memory_order_acquire) && !OnSendThread()) {
+    // A thread that stopped itself is collected before a new one starts.
+    thread_->WaitForMe(IThread::kInfinite);
+    delete thread_;
+    thread_ = nullptr;
+  }
   if (thread_ || !CLBuffer::IsOk())
     return 0;
   stop_.store(0, std::memory_order_release);
@@ -65,6 +72,14 @@ int SendQueue::StartSendQueueThread() {
 
 void SendQueue::StopSendQueueThread() {
   stop_.store(1, std::memory_order_release);
+  wake_.Signal();
+  if (OnSendThread()) {
+    // Called from the send thread itself (a dump callback): it cannot wait
+    // for its own end. It ends after this pass; the next start or stop from
+    // another thread, or the destructor, collects it.
+    ok_.store(0, std::memory_order_release);
+    return;
+  }
   std::lock_guard<std::mutex> t(threadMutex_);
   if (!thread_)
     return;
@@ -88,24 +103,67 @@ void SendQueue::Gather(std::vector<std::uint32_t> *socks) {
   SemGuard g(*lock_);
   // From the start, next walks the records in id order.
   set_pos(0);
-  for (unsigned id = next(nullptr, nullptr); id != 0 && socks->size() < kMaxSockets;
-       id = next(nullptr, nullptr))
+  for (unsigned id = next(nullptr, nullptr); id != 0; id = next(nullptr, nullptr))
     socks->push_back(SockOf(id));
 }
 
+bool SendQueue::OnSendThread() const {
+  return threadId_.load(std::memory_order_acquire) == std::this_thread::get_id();
+}
+
+// Event-driven: the thread sleeps on the wake-up descriptor while nothing is
+// queued, and otherwise on the writability of every socket with queued bytes
+// (no count limit) plus the wake-up descriptor, which an insert or a stop
+// signals. A writable socket is served at once. A socket that could take
+// bytes but made no progress (its second's allowance is used up, its
+// controller refuses data, a framed message waits for its tail) rests until
+// the next insert or kPauseMs later, so it cannot spin the thread.
 int SendQueue::ThreadLoop() {
+  threadId_.store(std::this_thread::get_id(), std::memory_order_release);
   std::vector<std::uint32_t> socks;
-  socks.reserve(kMaxSockets);
+  std::vector<sp::PollFd> fds;
+  std::vector<std::uint32_t> resting;
+  std::uint32_t restStart = 0;
   while (!stop_.load(std::memory_order_acquire)) {
     Gather(&socks);
-    if (!socks.empty()) {
-      int ready = sp::WaitSockets(socks.data(), static_cast<std::uint32_t>(socks.size()), 2u, kWaitMs, nullptr);
-      if (ready > 0 && !stop_.load(std::memory_order_acquire))
-        SendQueuedData(0, kNoSocket);
+    if (!resting.empty() && sp::TickCount() - restStart >= kPauseMs)
+      resting.clear();
+    fds.clear();
+    fds.push_back(sp::PollFd{wake_.Fd(), sp::kPollIn, 0});
+    for (std::uint32_t sock : socks) {
+      if (std::find(resting.begin(), resting.end(), sock) == resting.end())
+        fds.push_back(sp::PollFd{static_cast<int>(sock), sp::kPollOut, 0});
     }
-    for (unsigned slept = 0; slept < kPauseMs && !stop_.load(std::memory_order_acquire); slept += kPauseSliceMs)
-      sp::SleepMs(kPauseSliceMs);
+    int const timeout = resting.empty() ? -1 : static_cast<int>(kPauseMs);
+    int const n = sp::PollFds(fds.data(), static_cast<std::uint32_t>(fds.size()), timeout);
+    if (stop_.load(std::memory_order_acquire))
+      break;
+    if (fds[0].revents != 0) {
+      wake_.Drain();
+      resting.clear();  // new bytes: every socket gets another look
+    }
+    if (n <= 0) {
+      if (n < 0)
+        sp::SleepMs(kPauseSliceMs);  // a descriptor closed under the poll: try again soon
+      continue;
+    }
+    for (std::size_t i = 1; i < fds.size(); ++i) {
+      if (fds[i].revents == 0)
+        continue;
+      std::uint32_t const sock = static_cast<std::uint32_t>(fds[i].fd);
+      bool progress = false;
+      {
+        SemGuard g(*lock_);
+        SendSocket(sock, &progress);
+      }
+      if (!progress && HasData(sock)) {
+        if (resting.empty())
+          restStart = sp::TickCount();
+        resting.push_back(sock);
+      }
+    }
   }
+  threadId_.store(std::thread::id(), std::memory_order_release);
   return kThreadResult;
 }
 
@@ -124,6 +182,8 @@ unsigned int SendQueue::insert(unsigned int sock, char const *data, unsigned int
   }
   if (stored && dump_ && CanDebug())
     dump_->Dump(sock, data, stored, 0);
+  if (stored)
+    wake_.Signal();
   return stored;
 }
 
@@ -133,6 +193,19 @@ int SendQueue::erase(unsigned int sock) {
   SemGuard g(*lock_);
   return CLBuffer::erase(KeyOf(sock));
 }
+
+int SendQueue::EraseFor(unsigned int sock, SocketCtrl const *ctrl) {
+  if (sock == kNoSocket)
+    return 0;
+  SemGuard g(*lock_);
+  CLCtrlData const *rec = FindRecord(KeyOf(sock));
+  if (!rec || reinterpret_cast<SocketCtrl const *>(static_cast<std::intptr_t>(rec->GetUserData())) != ctrl)
+    return 0;
+  return CLBuffer::erase(KeyOf(sock));
+}
+
+SendQueue::Hold::Hold(SendQueue &q) : q_(q) { q_.lock_->Wait(1); }
+SendQueue::Hold::~Hold() { q_.lock_->Signal(); }
 
 int SendQueue::HasData(unsigned int sock) {
   if (sock == kNoSocket)
@@ -156,10 +229,12 @@ unsigned int SendQueue::GetSendQueueSize(unsigned int sock, unsigned int *count)
   return size;
 }
 
-int SendQueue::SendQueuedData(int mode, unsigned int sock) {
+// mode is kept for callers; every send of the queue is the same non-waiting
+// send, so it changes nothing.
+int SendQueue::SendQueuedData(int /*mode*/, unsigned int sock) {
   SemGuard g(*lock_);
   if (sock != kNoSocket)
-    return SendSocket(mode, sock) ? 1 : 0;
+    return SendSocket(sock, nullptr) ? 1 : 0;
   // A snapshot of the ids: a pass erases records it empties.
   ids_.clear();
   set_pos(0);
@@ -167,7 +242,7 @@ int SendQueue::SendQueuedData(int mode, unsigned int sock) {
     ids_.push_back(id);
   bool complete = true;
   for (unsigned id : ids_)
-    complete = SendSocket(mode, SockOf(id)) && complete;
+    complete = SendSocket(SockOf(id), nullptr) && complete;
   return complete ? 1 : 0;
 }
 
@@ -238,7 +313,7 @@ void SendQueue::DropBack(unsigned key, unsigned n) {
     CLBuffer::erase(key);
 }
 
-bool SendQueue::SendSocket(int mode, unsigned int sock) {
+bool SendQueue::SendSocket(unsigned int sock, bool *progress) {
   unsigned const key = KeyOf(sock);
   char *buf = readBuf_.data();
   for (;;) {
@@ -261,9 +336,9 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
     if (!accounting)
       ctrl->SignalSockOpt();
     std::int64_t const now = sp::NowSeconds();
-    unsigned allow = len;
-    if (accounting && o.rateLimit)
-      allow = o.Allowance(len, now);
+    // Reserved at once under the option lock, so a writer of the same
+    // socket cannot spend the same allowance; what is not sent goes back.
+    unsigned const allow = accounting ? o.Reserve(len, now) : len;
 
     unsigned drop = 0;        // bytes to take off the front of the queue
     unsigned sent = 0;        // payload bytes that went out
@@ -272,8 +347,7 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
     bool begun = false;
     if (!o.framed) {
       if (allow > 0 && ctrl->CanSendData(sock)) {
-        int r = ctrl->_write(buf, allow, sock, mode, 0, 1, 0, nullptr, 0, 0, nullptr);
-        sent = r > 0 ? static_cast<unsigned>(r) : 0;
+        sent = static_cast<unsigned>(ctrl->SendFromQueue(buf, allow, sock));
       }
       drop = sent;
       stalled = sent < len;
@@ -319,8 +393,7 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
         }
         unsigned out = 0;
         if (piece > 0) {
-          int r = ctrl->_write(buf + drop + 4, piece, sock, mode, 1, 1, 0, nullptr, 0, 0, nullptr);
-          out = r > 0 ? static_cast<unsigned>(r) : 0;
+          out = static_cast<unsigned>(ctrl->SendFromQueue(buf + drop + 4, piece, sock));
           if (out && dump_ && CanDebug())
             dump_->Dump(sock, buf + drop + 4, out, 1);
         }
@@ -343,13 +416,17 @@ bool SendQueue::SendSocket(int mode, unsigned int sock) {
       }
     }
     if (accounting) {
-      if (sent > 0)
-        o.Count(sent, now);
+      o.Settle(allow, sent, now);
       ctrl->UpdateSockOptions(sock, &o);
       ctrl->SignalSockOpt();
     }
-    if (drop > 0)
+    if (drop > 0) {
       DropFront(key, drop, firstSlot);
+      if (progress)
+        *progress = true;
+    }
+    if (drop == held)
+      ctrl->QueueDrained(sock);
     if (begun)
       SetFrontLength(key, rest);
     if (stalled)

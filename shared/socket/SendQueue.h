@@ -7,10 +7,11 @@
 // through which the bytes must be written. The record id is the socket
 // handle plus one, because descriptor 0 is a valid socket and id 0 is not.
 //
-// The thread repeats until stopped: gather up to 2048 sockets with queued
-// data, wait up to 1 s for any of them to be writable (poll, so any
-// descriptor number works), run one send pass over all sockets, pause
-// 300 ms (through the clock seam).
+// The thread is event-driven: it sleeps until an insert or a stop wakes it
+// or a socket with queued bytes can take some (poll over every such socket,
+// any number, any descriptor), and serves each writable socket at once. A
+// socket that could take bytes but may not (rate limit, framing, a refusing
+// controller) rests until the next insert or kPauseMs later.
 //
 // A send pass applies the controller's per-socket SockOptions: a per-second
 // rate limit, byte counting and framed records (runs of [4-byte length in
@@ -36,9 +37,11 @@
 
 #include "media/CLBuffer.h"
 #include "platform/Export.h"
+#include "platform/Readiness.h"
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 class IThread;
@@ -58,9 +61,7 @@ protected:
 class SHAREDLIB_API SendQueue : public CLBuffer {
 public:
   static constexpr unsigned kMaxReadBytes = 65535;  // bytes read per record per send
-  static constexpr unsigned kMaxSockets = 2048;     // sockets gathered per cycle
-  static constexpr unsigned kWaitMs = 1000;         // writability wait per cycle
-  static constexpr unsigned kPauseMs = 300;         // pause between cycles
+  static constexpr unsigned kPauseMs = 300;         // rest of a socket that may not send yet
 
   // The store is CLBuffer(slotSize, initialSlots, 0, 0, 1, 0, growthSlots):
   // byte streams per socket, split over slots. Starts the thread when the
@@ -94,19 +95,38 @@ public:
                       int flag);
   // Drops everything queued for sock; 1 when something was.
   int erase(unsigned int sock) override;
+  // Drops sock's bytes only when they were queued through ctrl (a number
+  // closed by one controller may already be another's); 1 when dropped.
+  int EraseFor(unsigned int sock, SocketCtrl const *ctrl);
   // 1 when bytes are queued for sock.
   int HasData(unsigned int sock);
   // Bytes queued for sock (*count too); 0 when not running or sock is -1.
   unsigned int GetSendQueueSize(unsigned int sock, unsigned int *count);
   // One send pass over sock, or over every socket for -1. 1 when everything
-  // attempted went out whole, 0 when some socket kept data.
+  // attempted went out whole, 0 when some socket kept data. Never waits for
+  // a socket to take bytes.
   int SendQueuedData(int mode, unsigned int sock);
+
+  // Holds the queue's lock for a scope: a writer keeps a message and the
+  // bytes queued before it in order (SocketCtrl::write).
+  class SHAREDLIB_API Hold {
+  public:
+    explicit Hold(SendQueue &q);
+    ~Hold();
+    Hold(Hold const &) = delete;
+    Hold &operator=(Hold const &) = delete;
+
+  private:
+    SendQueue &q_;
+  };
 
 private:
   static int _DoSendQueueThread(IThread *thread, void *arg);
   int ThreadLoop();
   // One socket of a pass (lock_ held): true when nothing was left behind.
-  bool SendSocket(int mode, unsigned int sock);
+  // *progress (when given) is set when bytes left the queue.
+  bool SendSocket(unsigned int sock, bool *progress);
+  bool OnSendThread() const;
   // Copies up to max bytes from the front of record key, across its slots
   // (the first slot's part is a peek that DropFront commits). Returns the
   // count; *ctrl is the record's controller, *held its bytes in all,
@@ -124,10 +144,12 @@ private:
   std::atomic<int> ok_{0};
   std::atomic<int> stop_{0};
   std::atomic<int> debug_{0};
+  std::atomic<std::thread::id> threadId_{};  // the running send thread's id
   ISendQueueDump *dump_ = nullptr;   // guarded by lock_
   IThread *thread_ = nullptr;        // guarded by threadMutex_; owned
   _SEMAPHORE *lock_ = nullptr;       // owned
   std::mutex threadMutex_;           // serialises start and stop
+  shared::platform::WakeFd wake_;    // signalled by insert and stop
   std::vector<char> readBuf_;        // guarded by lock_: one record read
   std::vector<std::uint32_t> ids_;   // guarded by lock_: ids of a pass
 };

@@ -7,6 +7,7 @@
 #include "socket/FdCtrl.h"
 #include "socket/SendQueue.h"
 #include "socket/SocketPrimitives.h"
+#include "socket/TxtBuf_reg.h"
 #include "text/DebugOutput.h"
 #include "text/TextRoutines.h"
 #include "thread/Semaphore.h"
@@ -52,6 +53,15 @@ int WaitOne(SOCKET s, unsigned kinds, long ms) {
   return r > 0 ? ready : r;
 }
 
+// Milliseconds left of a time-out of ms (< 0: no limit, returned as -1)
+// that started at tick start; 0 when it has run out.
+long TimeLeft(long ms, std::uint32_t start) {
+  if (ms < 0)
+    return -1;
+  long const spent = static_cast<long>(static_cast<std::uint32_t>(sp::TickCount() - start));
+  return spent >= ms ? 0 : ms - spent;
+}
+
 }  // namespace
 
 // Holds the pass mutex for one pass. A pass started from a callback of a
@@ -79,30 +89,30 @@ private:
 
 // --- SockOptions -------------------------------------------------------------
 
-void SockOptions::Count(unsigned n, std::int64_t now) {
-  if (countStart == 0) {
-    countStart = static_cast<std::uint32_t>(now);
-    if (countStart == 0)
-      countStart = 1;
-  }
-  SetSent(Sent() + n);
+unsigned SockOptions::Reserve(unsigned n, std::int64_t now) {
   if (Second() != now) {
     SetSecond(now);
     secondBytes = 0;
   }
-  secondBytes += n;
+  unsigned allow = n;
+  if (rateLimit != 0)
+    allow = secondBytes >= rateLimit ? 0 : std::min(n, rateLimit - secondBytes);
+  secondBytes += allow;
+  return allow;
 }
 
-unsigned SockOptions::Allowance(unsigned n, std::int64_t now) {
-  if (rateLimit == 0)
-    return n;
-  if (Second() != now) {
-    SetSecond(now);
-    secondBytes = 0;
+void SockOptions::Settle(unsigned reserved, unsigned sent, std::int64_t now) {
+  if (sent > 0) {
+    if (countStart == 0) {
+      countStart = static_cast<std::uint32_t>(now);
+      if (countStart == 0)
+        countStart = 1;
+    }
+    SetSent(Sent() + sent);
   }
-  if (secondBytes >= rateLimit)
-    return 0;
-  return std::min(n, rateLimit - secondBytes);
+  // What a short send did not use goes back to the second it was taken from.
+  if (reserved > sent && Second() == now)
+    secondBytes -= std::min(reserved - sent, secondBytes);
 }
 
 // --- ISocketCtrl defaults ------------------------------------------------------
@@ -126,8 +136,10 @@ SocketCtrl::SocketCtrl(SendQueue *queue, int ownerFlag, unsigned int rcvBufSize,
   listen_ = new fdVector();
   closePending_ = new fdVector();
   writeError_ = new fdVector();
-  if (!noWait)
+  if (!noWait) {
     demux_ = InitSockEventsWrapper(linuxMode ? 9 : 1, this, name_);
+    WatchWakeFd();
+  }
   rxBuf_.resize(rcvBufSize_);
   lineBuf_.resize(kMaxLine + 1);
 }
@@ -214,7 +226,32 @@ int SocketCtrl::SetEventsModes(unsigned char modes) {
     demux_->zero();
   delete demux_;
   demux_ = w;
+  WatchWakeFd();
   return 1;
+}
+
+void SocketCtrl::WatchWakeFd() {
+  if (demux_ && wake_.IsOpen())
+    demux_->set(static_cast<SOCKET>(wake_.Fd()), nullptr, static_cast<int>(kSewRead));
+}
+
+void SocketCtrl::Wake() {
+  if (!inWait_.load(std::memory_order_acquire))
+    return;
+  wake_.Signal();
+  wakes_.fetch_add(1, std::memory_order_release);
+}
+
+// inWait_ was set with waiting_ under lock_, so a change recorded after that
+// always signals, even one made before the wait itself began.
+int SocketCtrl::WaitForEvents(long ms) {
+  int n = demux_->EventHandler(kSewRead, ms, static_cast<int>(kSewSelectMaxSockets));
+  inWait_.store(false, std::memory_order_release);
+  // A signal that raced the end of the wait is drained by the next wait at
+  // the latest, so the descriptor never stays readable for ever.
+  if (wakes_.exchange(0, std::memory_order_acq_rel) != 0)
+    wake_.Drain();
+  return n;
 }
 
 void SocketCtrl::SetNoWait(int noWait) { noWait_.store(noWait, std::memory_order_release); }
@@ -250,6 +287,7 @@ bool SocketCtrl::DemuxSet(SOCKET s) {
     return true;
   if (waiting_) {
     demuxPending_.emplace_back(s, true);
+    Wake();
     return true;
   }
   return demux_->set(s, nullptr, static_cast<int>(kSewRead)) != 0;
@@ -258,9 +296,10 @@ bool SocketCtrl::DemuxSet(SOCKET s) {
 void SocketCtrl::DemuxClr(SOCKET s) {
   if (!demux_)
     return;
-  if (waiting_)
+  if (waiting_) {
     demuxPending_.emplace_back(s, false);
-  else
+    Wake();
+  } else
     demux_->clr(s);
 }
 
@@ -356,32 +395,29 @@ int SocketCtrl::connect(char const *host, char const *proto, int port, char cons
       return 0;
     }
   }
-  if (!wait) {
+  if (!wait)
     sp::SockSetNonBlocking(s);
-  } else {
-    SemGuard g(*lock_);
-    if (!AddActiveLocked(s, false)) {
-      _closesocket(s);
-      return 0;
-    }
-  }
   sockaddr_in peer{};
   peer.sin_family = AF_INET;
   peer.sin_port = portNet;
   peer.sin_addr.s_addr = addr;
+  // The socket is registered only once connected: a pass that saw it
+  // earlier would read an unconnected socket, take that for an end of
+  // stream and close it under the connecting thread's feet. Until then
+  // this thread alone holds the descriptor and alone may close it.
   if (!udp && sp::SockConnect(s, &peer) != 0) {
     bool inProgress = !wait && SocketWouldBlock(-1);
     if (!inProgress) {
-      {
-        SemGuard g(*lock_);
-        RemoveActiveSock(s, 0, 0, 0);
-      }
       _closesocket(s);
       return 0;
     }
   }
   SetDefSin(&peer);
   SemGuard g(*lock_);
+  if (wait && !AddActiveLocked(s, false)) {
+    _closesocket(s);
+    return 0;
+  }
   if (outSock)
     *outSock = s;
   if (GetMasterSocket() != kNone && !makeMaster)
@@ -547,7 +583,16 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
   {
     SemGuard g(*lock_);
     canWait = demux_ != nullptr && !noWait_.load(std::memory_order_acquire);
+    if (canWait) {
+      ms = ResumeListeners(ms);
+      if (!draining_.empty())
+        ms = ms < 0 ? kDrainCheckMs : std::min<long>(ms, kDrainCheckMs);
+      std::lock_guard<std::mutex> m(markLock_);
+      if (writeError_->count() != 0 || closePending_->count() != 0)
+        ms = 0;  // marks made since the last pass are due now, not after a wait
+    }
     waiting_ = canWait;
+    inWait_.store(canWait, std::memory_order_release);
   }
   if (!canWait) {
     // Nothing to wait on: the pass is a pause (through the clock seam).
@@ -555,13 +600,16 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
     return 1;
   }
   // The wait runs without the lock so other threads can write, close and
-  // connect meanwhile; their registration changes are applied below.
-  int n = demux_->EventHandler(kSewRead, ms, static_cast<int>(kSewSelectMaxSockets));
+  // connect meanwhile; their registration changes wake it and are applied
+  // below.
+  int n = WaitForEvents(ms);
 
   SemGuard g(*lock_);
   waiting_ = false;
   ApplyDemuxChanges();
   busy_ = 1;
+  if (n < 0)
+    ForgetClosedBehindUs();
   if (n >= 0) {
     ProcessWriteError(cb, udp);
     int served = 0;
@@ -569,7 +617,7 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
     for (unsigned s = n > 0 ? demux_->firstEvent(&events, nullptr, nullptr) : kNone; s != kNone;
          s = demux_->nextEvent(&events, nullptr, nullptr)) {
       if (!active_->isset(s) || IsClosePending(s))
-        continue;  // closed or marked earlier in this pass: no more callbacks
+        continue;  // the wake-up descriptor, or closed or marked earlier in this pass
       if (listen_->isset(s))
         AcceptSocket(s, cb);
       else if (udp)
@@ -579,10 +627,21 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
       if (cb.maxEvents > 0 && ++served >= cb.maxEvents)
         break;
     }
+    ProcessDraining(cb);
   }
   ProcessCloseSSocks();
   busy_ = 0;
   return n < 0 ? -1 : 1;
+}
+
+// A descriptor closed behind the controller's back would fail every later
+// select wait. Such sockets are forgotten (not closed: the number is no
+// longer ours), so the next passes work again.
+void SocketCtrl::ForgetClosedBehindUs() {
+  for (SOCKET s : ActiveSnapshot()) {
+    if (!sp::SockIsOpen(s))
+      RemoveActiveSock(s, 0, 0, 0);
+  }
 }
 
 void SocketCtrl::ProcessWriteError(Callbacks const &cb, bool udp) {
@@ -593,9 +652,15 @@ void SocketCtrl::ProcessWriteError(Callbacks const &cb, bool udp) {
     for (unsigned s = writeError_->first(&pos); s != kNone; s = writeError_->next(&pos))
       failed.push_back(s);
   }
+  // Each socket leaves the set on its own: marks added by callbacks or other
+  // threads meanwhile stay for the next pass. A number that is no longer
+  // active gets no callback (it may be someone else's by now).
   for (SOCKET s : failed) {
-    if (listen_->isset(s))
+    if (!active_->isset(s) || listen_->isset(s)) {
+      std::lock_guard<std::mutex> m(markLock_);
+      writeError_->clr(s);
       continue;
+    }
     if (cb.obj) {
       if (udp)
         cb.obj->closeUDPCallback(this, s, nullptr, kReasonWriteError);
@@ -606,17 +671,46 @@ void SocketCtrl::ProcessWriteError(Callbacks const &cb, bool udp) {
     } else if (cb.closeFn) {
       cb.closeFn(this, s, kReasonWriteError);
     }
-    if (RemoveActiveSock(s, 0, 0, 1))
+    if (RemoveActiveSock(s, 0, 0, 0))
       _closesocket(s);
   }
-  std::lock_guard<std::mutex> m(markLock_);
-  writeError_->zero();
+}
+
+// Out of descriptors, a listening socket stays readable: accepting again at
+// once would spin. It is left unwatched until a socket of this controller
+// closes or kAcceptPauseMs pass (clock seam), while the other sockets are
+// served as usual.
+void SocketCtrl::PauseListener(SOCKET s) {
+  DemuxClr(s);
+  pausedListeners_.push_back(s);
+  pausedAt_ = sp::TickCount();
+  closedSincePause_ = false;
+}
+
+long SocketCtrl::ResumeListeners(long ms) {
+  if (pausedListeners_.empty())
+    return ms;
+  std::uint32_t const spent = sp::TickCount() - pausedAt_;
+  if (closedSincePause_ || spent >= kAcceptPauseMs) {
+    for (SOCKET s : pausedListeners_) {
+      if (active_->isset(s) && listen_->isset(s) && !DemuxSet(s))
+        closeSSock(s);
+    }
+    pausedListeners_.clear();
+    return ms;
+  }
+  long const left = static_cast<long>(kAcceptPauseMs - spent);
+  return ms < 0 ? left : std::min(ms, left);
 }
 
 void SocketCtrl::AcceptSocket(SOCKET listenSock, Callbacks const &cb) {
   SOCKET ns = sp::SockAccept(listenSock, nullptr);
-  if (ns == kNone)
-    return;  // the connection went away before it was taken
+  if (ns == kNone) {
+    int const err = sp::SockLastError();
+    if (err == sp::SockErrors::kProcFiles || err == sp::SockErrors::kSysFiles)
+      PauseListener(listenSock);
+    return;  // or the connection went away before it was taken
+  }
   if (!AddActiveLocked(ns, false)) {
     _closesocket(ns);
     return;
@@ -669,7 +763,11 @@ void SocketCtrl::ProcessSocketData(SOCKET s, Callbacks const &cb) {
     r = sp::SockRecv(s, rxBuf_.data(), want, false, true);
     if (r < 0 && SocketWouldBlock(-1))
       return;
-    if (r <= 0) {
+    if (r == 0) {
+      PeerFinished(s, cb);
+      return;
+    }
+    if (r < 0) {
       CloseWithReason(s, cb, kReasonPeerClosed, false, nullptr);
       return;
     }
@@ -681,18 +779,81 @@ void SocketCtrl::ProcessSocketData(SOCKET s, Callbacks const &cb) {
   }
   if (r > 0)
     active_->PutTxt(s, rxBuf_.data(), static_cast<unsigned>(r));
+  DeliverLines(s, cb);
+}
+
+bool SocketCtrl::DeliverLines(SOCKET s, Callbacks const &cb) {
   for (;;) {
     int len = active_->GetTxtLine(s, lineBuf_.data(), static_cast<unsigned>(lineBuf_.size()));
     if (len <= 0)
-      return;
+      return true;
     if (!Deliver(s, cb, lineBuf_.data(), static_cast<unsigned>(len))) {
       CloseWithReason(s, cb, kReasonCallback, false, nullptr);
-      return;
+      return false;
     }
     // A callback that closed its socket (or any closed it) gets no more lines.
     if (!active_->isset(s) || IsClosePending(s))
-      return;
+      return false;
   }
+}
+
+// The peer will send no more. Its last line counts even without a line end,
+// and replies already accepted into the send queue still go out (for up to
+// kDrainMs) before the socket is closed with the peer-closed reason.
+void SocketCtrl::PeerFinished(SOCKET s, Callbacks const &cb) {
+  if (IsTxtMode()) {
+    if (!DeliverLines(s, cb))
+      return;
+    fdATxtSVector *set = static_cast<fdATxtSVector *>(active_);
+    TxtBuf_reg *reg = set->GetTxtBuf(s);
+    unsigned const pending = reg ? reg->Pending() : 0;
+    if (pending > 0) {
+      int len = reg->TakeRest(lineBuf_.data(), static_cast<unsigned>(lineBuf_.size()));
+      if (len > 0 && !Deliver(s, cb, lineBuf_.data(), static_cast<unsigned>(len))) {
+        CloseWithReason(s, cb, kReasonCallback, false, nullptr);
+        return;
+      }
+      if (!active_->isset(s) || IsClosePending(s))
+        return;
+    }
+  }
+  if (queue_ && queue_->HasData(s) && CanSendData(s)) {
+    DemuxClr(s);  // nothing more to read: an end of stream would wake every wait
+    draining_[s] = sp::TickCount();
+    drainingCount_.fetch_add(1, std::memory_order_release);
+    return;
+  }
+  CloseWithReason(s, cb, kReasonPeerClosed, false, nullptr);
+}
+
+void SocketCtrl::ProcessDraining(Callbacks const &cb) {
+  if (draining_.empty())
+    return;
+  std::vector<SOCKET> done;
+  std::uint32_t const now = sp::TickCount();
+  for (auto const &[s, since] : draining_) {
+    bool const flushed = !queue_ || !queue_->HasData(s);
+    if (flushed || now - since >= kDrainMs || !CanSendData(s))
+      done.push_back(s);
+  }
+  for (SOCKET s : done) {
+    if (!CanSendData(s)) {
+      ForgetDraining(s);  // a write error or close mark: closed by its own path
+      continue;
+    }
+    CloseWithReason(s, cb, kReasonPeerClosed, false, nullptr);
+  }
+}
+
+void SocketCtrl::ForgetDraining(SOCKET s) {
+  if (draining_.erase(s) != 0)
+    drainingCount_.fetch_sub(1, std::memory_order_release);
+}
+
+void SocketCtrl::QueueDrained(unsigned int sock) {
+  (void)sock;
+  if (drainingCount_.load(std::memory_order_acquire) != 0)
+    Wake();
 }
 
 void SocketCtrl::ProcessUDPData(SOCKET s, Callbacks const &cb) {
@@ -701,8 +862,11 @@ void SocketCtrl::ProcessUDPData(SOCKET s, Callbacks const &cb) {
   if (r < 0 && SocketWouldBlock(-1))
     return;
   if (r < 0) {
-    // A datagram socket reports an earlier send's failure (port unreachable)
-    // on its next read; that is not the end of the socket.
+    // A datagram longer than the receive size lost its tail: counted, never
+    // handed on as if whole. Any other error is an earlier send's failure
+    // (port unreachable) reported late; neither ends the socket.
+    if (sp::SockLastError() == sp::SockErrors::kMsgSize)
+      truncated_.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   int keep = 1;
@@ -739,37 +903,51 @@ int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, lon
     *outSock = kNone;
   if (!buf || size == 0 || !isSockOk())
     return -1;
-  long ms = SecondsToMs(timeout);
+  long const ms = SecondsToMs(timeout);
+  std::uint32_t const start = sp::TickCount();
   PassGuard pass(*this);
   if (pass.Nested())
     return -1;
   SOCKET ready = kNone;
   bool listening = false;
+  bool useDemux = false;
   {
     SemGuard g(*lock_);
-    if (!demux_ || noWait_.load(std::memory_order_acquire)) {
+    useDemux = demux_ && !noWait_.load(std::memory_order_acquire);
+    if (!useDemux) {
       ready = GetMasterSocket();
       if (ready == kNone)
         return -1;
-    } else {
-      waiting_ = true;
     }
   }
-  if (ready == kNone) {
-    int n = demux_->EventHandler(kSewRead, ms, static_cast<int>(kSewSelectMaxSockets));
-    SemGuard g(*lock_);
-    waiting_ = false;
-    ApplyDemuxChanges();
-    if (n < 0)
-      return -1;
-    unsigned long events = 0;
-    for (unsigned s = n > 0 ? demux_->firstEvent(&events, nullptr, nullptr) : kNone; s != kNone;
-         s = demux_->nextEvent(&events, nullptr, nullptr)) {
-      if (active_->isset(s) && !IsClosePending(s)) {
-        ready = s;
-        listening = listen_->isset(s) != 0;
-        break;
+  if (useDemux) {
+    // A wake-up (a socket added or closed by another thread) ends the wait
+    // early; the wait then goes on for the time left.
+    for (;;) {
+      {
+        SemGuard g(*lock_);
+        waiting_ = true;
+        inWait_.store(true, std::memory_order_release);
       }
+      int n = WaitForEvents(TimeLeft(ms, start));
+      SemGuard g(*lock_);
+      waiting_ = false;
+      ApplyDemuxChanges();
+      if (n < 0) {
+        ForgetClosedBehindUs();
+        return -1;
+      }
+      unsigned long events = 0;
+      for (unsigned s = n > 0 ? demux_->firstEvent(&events, nullptr, nullptr) : kNone; s != kNone;
+           s = demux_->nextEvent(&events, nullptr, nullptr)) {
+        if (active_->isset(s) && !IsClosePending(s)) {
+          ready = s;
+          listening = listen_->isset(s) != 0;
+          break;
+        }
+      }
+      if (ready != kNone || n == 0 || TimeLeft(ms, start) == 0)
+        break;
     }
     if (ready == kNone)
       return 0;
@@ -795,17 +973,52 @@ int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, lon
   }
   if (outSock)
     *outSock = ready;
-  int r = so_read(buf, size, from, ready, all);
-  if (r > 0)
-    return r;
-  if (r < 0 && SocketWouldBlock(-1))
-    return 0;
-  if (!keepOpen) {
+  // While the read runs without the lock, a close of this socket by another
+  // thread is only marked (busy flag), so its number cannot be reused under
+  // the read; the mark is carried out below.
+  {
     SemGuard g(*lock_);
-    if (RemoveActiveSock(ready, 0, 0, 0))
-      _closesocket(ready);
+    busy_ = 1;
   }
-  return -1;
+  bool ended = false;
+  int r = ReadReady(ready, buf, size, all != 0, from, ms, start, &ended);
+  SemGuard g(*lock_);
+  if (ended && !keepOpen && RemoveActiveSock(ready, 0, 0, 0))
+    _closesocket(ready);
+  ProcessCloseSSocks();
+  busy_ = 0;
+  return r;
+}
+
+// Reads s without ever blocking past the time-out. Bytes once taken are
+// never dropped: with all, a stream that ends or a time-out that comes part
+// way returns what arrived. *ended: the stream ended or failed.
+int SocketCtrl::ReadReady(SOCKET s, char *buf, unsigned size, bool all, sockaddr_in *from, long ms,
+                          std::uint32_t start, bool *ended) {
+  unsigned total = 0;
+  for (;;) {
+    int r = from ? sp::SockRecvFrom(s, buf + total, size - total, from, true)
+                 : sp::SockRecv(s, buf + total, size - total, false, true);
+    if (r > 0) {
+      total += static_cast<unsigned>(r);
+      if (!all || from || total >= size)
+        return static_cast<int>(total);
+      continue;
+    }
+    if (r < 0 && SocketWouldBlock(-1)) {
+      if (!all && total == 0)
+        return 0;  // a stale readiness: nothing to read after all
+      long const left = TimeLeft(ms, start);
+      if (left != 0 && WaitOne(s, 1u, left) > 0)
+        continue;
+      return static_cast<int>(total);
+    }
+    if (total > 0)
+      return static_cast<int>(total);  // the end is reported by the next read
+    // A cut datagram is an error of that datagram only, not of the socket.
+    *ended = !(from && r < 0 && sp::SockLastError() == sp::SockErrors::kMsgSize);
+    return -1;
+  }
 }
 
 int SocketCtrl::read(char *buf, unsigned int size, sockaddr_in *from, unsigned int sock, int all) {
@@ -850,11 +1063,7 @@ int SocketCtrl::getmsg(char *buf, unsigned int size, long timeout, unsigned int 
       buf[n] = '\0';
       return -1;  // the stream ended or failed
     }
-    long left = -1;
-    if (limit >= 0) {
-      long const spent = static_cast<long>(static_cast<std::uint32_t>(sp::TickCount() - start));
-      left = spent >= limit ? 0 : limit - spent;
-    }
+    long const left = TimeLeft(limit, start);
     int w = left == 0 ? 0 : WaitOne(s, 1u, left);
     if (w <= 0) {
       buf[n] = '\0';
@@ -919,6 +1128,10 @@ int SocketCtrl::_write(char const *buf, unsigned int n, unsigned int sock, int /
   }
   if (err)
     *err = lastErr;
+  // A message that went out in part leaves the stream torn: whatever is
+  // written next would be glued to its head, so the socket is failed.
+  if (all && !datagram && total > 0 && total < n)
+    MarkWriteError(s);
   if (total == 0 && lastErr != 0 && !SocketWouldBlock(lastErr))
     return -1;
   return static_cast<int>(total);
@@ -933,47 +1146,80 @@ int SocketCtrl::write(char const *buf, unsigned int n, unsigned int sock, int al
   SockOptions o;
   if (!GetSockOptions(s, &o))
     return _write(buf, n, s, 0, all, markError, 0, nullptr, dgram, retry, to);
-
-  bool queued = o.Queued() && queue_ != nullptr && !dgram;
-  if (queued) {
-    // Byte order on the connection: while older bytes wait in the queue, new
-    // ones go behind them.
-    queue_->SendQueuedData(0, s);
-    if (queue_->HasData(s))
-      return static_cast<int>(EnqueueData(s, buf, n));
-  }
-  unsigned allow = n;
-  if (o.Accounting() && o.rateLimit) {
-    WaitSockOpt();
-    SockOptions cur;
-    if (GetSockOptions(s, &cur)) {
-      allow = cur.Allowance(n, sp::NowSeconds());
-      UpdateSockOptions(s, &cur);
-    }
-    SignalSockOpt();
-    // Only a stream whose rest can wait in the queue is cut to the
-    // allowance; anything else goes whole or not at all.
-    if (allow < n && !queued)
-      allow = 0;
-  }
-  int err = 0;
+  if (o.Queued() && queue_ != nullptr && !dgram)
+    return WriteQueued(buf, n, s, markError);
+  // Not queued: the message goes whole within the allowance or not at all.
+  unsigned reserved = n;
+  std::int64_t const now = sp::NowSeconds();
+  if (o.Accounting())
+    reserved = ReserveAllowance(s, n, now);
   int sent = 0;
-  if (allow > 0) {
-    sent = _write(buf, allow, s, 0, all, markError, 0, &err, dgram, queued ? 0 : retry, to);
-    if (sent > 0 && o.Accounting()) {
-      WaitSockOpt();
-      SockOptions cur;
-      if (GetSockOptions(s, &cur)) {
-        cur.Count(static_cast<unsigned>(sent), sp::NowSeconds());
-        UpdateSockOptions(s, &cur);
-      }
-      SignalSockOpt();
-    }
-  }
-  unsigned done = sent > 0 ? static_cast<unsigned>(sent) : 0;
-  if (queued && done < n && (err == 0 || SocketWouldBlock(err)))
-    return static_cast<int>(done + EnqueueData(s, buf + done, n - done));
+  if (reserved == n)
+    sent = _write(buf, n, s, 0, all, markError, 0, nullptr, dgram, retry, to);
+  if (o.Accounting())
+    SettleAllowance(s, reserved, sent > 0 ? static_cast<unsigned>(sent) : 0, now);
   return sent;
+}
+
+// A queued socket's bytes leave in order and each message whole: the queue's
+// lock is held from the flush of older bytes to the queueing of the new
+// message's rest, so two writers cannot interleave, and the direct send
+// never waits (a full socket only means the rest is queued).
+int SocketCtrl::WriteQueued(char const *buf, unsigned n, SOCKET s, int markError) {
+  SendQueue::Hold hold(*queue_);
+  queue_->SendQueuedData(0, s);
+  if (queue_->HasData(s))
+    return static_cast<int>(EnqueueData(s, buf, n));
+  std::int64_t const now = sp::NowSeconds();
+  unsigned const allow = ReserveAllowance(s, n, now);
+  unsigned done = 0;
+  int err = 0;
+  if (allow > 0) {
+    int r = sp::SockSend(s, buf, allow, true);
+    if (r > 0)
+      done = static_cast<unsigned>(r);
+    else
+      err = sp::SockLastError();
+  }
+  SettleAllowance(s, allow, done, now);
+  if (err != 0 && !SocketWouldBlock(err)) {
+    if (markError)
+      MarkWriteError(s);
+    return done > 0 ? static_cast<int>(done) : -1;
+  }
+  if (done == n)
+    return static_cast<int>(n);
+  unsigned const queued = EnqueueData(s, buf + done, n - done);
+  if (queued == 0 && done > 0)
+    MarkWriteError(s);  // the queue refused the rest: the message is torn
+  return static_cast<int>(done + queued);
+}
+
+// Takes up to n bytes of sock's allowance for second now at once, so that
+// concurrent writers can never spend one allowance twice. n when the socket
+// has no record or counts without a limit.
+unsigned SocketCtrl::ReserveAllowance(SOCKET s, unsigned n, std::int64_t now) {
+  SemGuard g(*optLock_);
+  auto it = options_.find(s);
+  if (it == options_.end() || !it->second.Accounting())
+    return n;
+  return it->second.Reserve(n, now);
+}
+
+void SocketCtrl::SettleAllowance(SOCKET s, unsigned reserved, unsigned sent, std::int64_t now) {
+  SemGuard g(*optLock_);
+  auto it = options_.find(s);
+  if (it != options_.end() && it->second.Accounting())
+    it->second.Settle(reserved, sent, now);
+}
+
+int SocketCtrl::SendFromQueue(char const *buf, unsigned n, unsigned int sock) {
+  int r = sp::SockSend(sock, buf, n, true);
+  if (r >= 0)
+    return r;
+  if (!SocketWouldBlock(-1))
+    MarkWriteError(sock);
+  return 0;
 }
 
 int SocketCtrl::writeLine(char const *text, unsigned int sock, EolFormat eol) {
@@ -1018,9 +1264,13 @@ bool SocketCtrl::IsClosePending(SOCKET s) {
 }
 
 void SocketCtrl::MarkWriteError(SOCKET s) {
-  std::lock_guard<std::mutex> m(markLock_);
-  if (!writeError_->isset(s))
+  {
+    std::lock_guard<std::mutex> m(markLock_);
+    if (writeError_->isset(s))
+      return;
     writeError_->set(s);
+  }
+  Wake();  // the close is due at the start of the next pass, not seconds later
 }
 
 int SocketCtrl::CanSendData(unsigned int sock) {
@@ -1159,11 +1409,11 @@ int SocketCtrl::TestWriteSock(unsigned int sock, unsigned int seconds, int activ
     return 1;
   if (!busy_) {
     RemoveActiveSock(s, 0, 0, 0);
-    _closesocket(s);
+    CloseUnlisted(s);
   } else if (active_->isset(s)) {
     closeSSock(s);
   } else {
-    _closesocket(s);
+    CloseUnlisted(s);
   }
   if (s == GetMasterSocket()) {
     master_.store(kNone, std::memory_order_release);
@@ -1202,9 +1452,13 @@ void SocketCtrl::closeSSock(unsigned int sock) {
   SOCKET s = Resolve(sock);
   if (s == kNone)
     return;
-  std::lock_guard<std::mutex> m(markLock_);
-  if (!closePending_->isset(s))
+  {
+    std::lock_guard<std::mutex> m(markLock_);
+    if (closePending_->isset(s))
+      return;
     closePending_->set(s);
+  }
+  Wake();
 }
 
 int SocketCtrl::RemoveActiveSock(unsigned int sock, int lock, int keepClosePending, int keepWriteError) {
@@ -1215,12 +1469,9 @@ int SocketCtrl::RemoveActiveSock(unsigned int sock, int lock, int keepClosePendi
     lock_->Wait(1);
   int was = active_->isset(s) ? 1 : 0;
   if (was) {
-    if (queue_)
-      queue_->erase(s);
-    {
-      SemGuard og(*optLock_);
-      options_.erase(s);
-    }
+    ForgetSendState(s);
+    ForgetDraining(s);
+    closedSincePause_ = true;
     RemoveListenSock(s);
     active_->clr(s);
     DemuxClr(s);
@@ -1278,7 +1529,22 @@ int SocketCtrl::closesocket(unsigned int sock) {
     master_.store(kNone, std::memory_order_release);
     masterRdy_.store(0, std::memory_order_release);
   }
-  return _closesocket(s) == 0 ? 1 : 0;
+  return CloseUnlisted(s) == 0 ? 1 : 0;
+}
+
+void SocketCtrl::ForgetSendState(SOCKET s) {
+  if (queue_)
+    queue_->EraseFor(s, this);
+  SemGuard og(*optLock_);
+  options_.erase(s);
+}
+
+// Closes a socket that is in no set (a connection left in progress, for
+// one). Its queued bytes and options go with it, or the next socket given
+// the same number would send them and inherit its rate limit.
+int SocketCtrl::CloseUnlisted(SOCKET s) {
+  ForgetSendState(s);
+  return _closesocket(s);
 }
 
 // By position, not through the set's cursor: the cursor belongs to the
@@ -1303,14 +1569,14 @@ void SocketCtrl::CloseAll() {
         withOptions.push_back(entry.first);
     }
     for (SOCKET s : withOptions)
-      queue_->erase(s);
+      queue_->EraseFor(s, this);
   }
   InitSockOptVector();
   std::vector<SOCKET> all = ActiveSnapshot();
   SOCKET master = GetMasterSocket();
   // A connection still in progress is held only as the master socket.
   if (master != kNone && !active_->isset(master))
-    _closesocket(master);
+    CloseUnlisted(master);
   ResetActiveSocks();
   for (SOCKET s : all)
     _closesocket(s);
@@ -1328,9 +1594,11 @@ void SocketCtrl::ResetActiveSocks() {
   std::vector<SOCKET> all = ActiveSnapshot();
   for (SOCKET s : all) {
     if (queue_)
-      queue_->erase(s);
+      queue_->EraseFor(s, this);
     DemuxClr(s);
+    ForgetDraining(s);
   }
+  pausedListeners_.clear();
   {
     SemGuard og(*optLock_);
     for (SOCKET s : all)

@@ -52,6 +52,7 @@
 #pragma once
 
 #include "platform/Export.h"
+#include "platform/Readiness.h"
 #include "platform/SockAddr.h"
 #include "platform/Types.h"
 #include "socket/SockEventsWrapper.h"
@@ -108,12 +109,13 @@ struct SHAREDLIB_API SockOptions {
     sentLo = static_cast<std::uint32_t>(v);
     sentHi = static_cast<std::uint32_t>(v >> 32);
   }
-  // Adds n bytes sent at calendar second now: total, start, and (under a
-  // limit) the bytes of the current second.
-  void Count(unsigned n, std::int64_t now);
-  // Bytes the limit still allows in second now (n when there is no limit),
-  // starting a new second when now differs from the stored one.
-  unsigned Allowance(unsigned n, std::int64_t now);
+  // Takes up to n bytes of second now's allowance (n without a limit) and
+  // counts them as sent in that second, starting a new second when now
+  // differs from the stored one. Returns the bytes taken.
+  unsigned Reserve(unsigned n, std::int64_t now);
+  // After a send of sent bytes of reserved ones: adds sent to the total
+  // (noting the first byte's second) and gives back what was not used.
+  void Settle(unsigned reserved, unsigned sent, std::int64_t now);
 
   bool operator==(SockOptions const &o) const {
     return maxQueue == o.maxQueue && countOn == o.countOn && countStart == o.countStart;
@@ -287,6 +289,15 @@ public:
   int writeFrag(char const *buf, unsigned int n, unsigned int fragSize, unsigned int sock, sockaddr_in *to);
   int _writeto(char const *buf, int len, sockaddr_in *to, unsigned int sock);
   int CanSendData(unsigned int sock);
+  // The send queue's send: never waits; the bytes sent (0 when none could
+  // be). A failure other than a full socket marks sock write-failed.
+  int SendFromQueue(char const *buf, unsigned n, unsigned int sock);
+  // The send queue emptied sock's bytes: a socket that waits for them
+  // before it closes is looked at again at once. Takes no lock.
+  void QueueDrained(unsigned int sock);
+  // Datagrams dropped by acceptUDP because they were longer than the
+  // receive size.
+  unsigned GetTruncatedDatagrams() const { return truncated_.load(std::memory_order_relaxed); }
   int isSockSndBufFull(unsigned int sock);
   unsigned int GetSndQueuedDataSize(unsigned int sock, unsigned int *count);
   // Appends data to sock's send queue (framed sockets get a length prefix);
@@ -368,8 +379,29 @@ protected:
   void ProcessSocketData(SOCKET s, Callbacks const &cb);
   void ProcessUDPData(SOCKET s, Callbacks const &cb);
   void ProcessCloseSSocks();
+  void ProcessDraining(Callbacks const &cb);
 
 private:
+  static constexpr std::uint32_t kDrainMs = 30000;      // longest flush after the peer's end
+  static constexpr long kDrainCheckMs = 1000;          // wait cap while sockets drain
+  static constexpr std::uint32_t kAcceptPauseMs = 500;  // listener rest when out of descriptors
+
+  void WatchWakeFd();
+  void Wake();  // ends a wait in progress; no lock
+  int WaitForEvents(long ms);
+  void ForgetClosedBehindUs();
+  void PauseListener(SOCKET s);
+  long ResumeListeners(long ms);  // the wait time, cut to the end of a listener's rest
+  bool DeliverLines(SOCKET s, Callbacks const &cb);  // false when the socket was closed
+  void PeerFinished(SOCKET s, Callbacks const &cb);
+  void ForgetDraining(SOCKET s);
+  int ReadReady(SOCKET s, char *buf, unsigned size, bool all, sockaddr_in *from, long ms, std::uint32_t start,
+                bool *ended);
+  int WriteQueued(char const *buf, unsigned n, SOCKET s, int markError);
+  unsigned ReserveAllowance(SOCKET s, unsigned n, std::int64_t now);
+  void SettleAllowance(SOCKET s, unsigned reserved, unsigned sent, std::int64_t now);
+  void ForgetSendState(SOCKET s);
+  int CloseUnlisted(SOCKET s);
   SOCKET Resolve(unsigned int sock) const;
   bool IsClosePending(SOCKET s);
   void MarkWriteError(SOCKET s);
@@ -414,5 +446,14 @@ private:
   std::vector<char> rxBuf_;                 // guarded by passMutex_: one read of a pass
   std::vector<char> lineBuf_;               // guarded by passMutex_: one text line
   std::atomic<int> logLevel_{-1};
+  shared::platform::WakeFd wake_;           // registered with every demultiplexer made
+  std::atomic<bool> inWait_{false};         // a pass or readall is in its wait
+  std::atomic<unsigned> wakes_{0};          // signals since the last drain
+  std::map<SOCKET, std::uint32_t> draining_;  // guarded by lock_: ended by the peer, flushing (tick)
+  std::atomic<unsigned> drainingCount_{0};  // written under lock_
+  std::vector<SOCKET> pausedListeners_;     // guarded by lock_
+  std::uint32_t pausedAt_ = 0;              // guarded by lock_
+  bool closedSincePause_ = false;           // guarded by lock_
+  std::atomic<unsigned> truncated_{0};
   char name_[64];
 };

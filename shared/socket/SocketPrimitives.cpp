@@ -135,7 +135,8 @@ int so_readInt(SOCKET s) {
 }
 
 int so_writeto(char const *buf, int len, sockaddr_in *to, SOCKET s) {
-  if (buf == nullptr || len == 0 || s == INVALID_SOCKET || to == nullptr)
+  // A negative length is refused before it could become a huge unsigned one.
+  if (buf == nullptr || len <= 0 || s == INVALID_SOCKET || to == nullptr)
     return -1;
   return sp::SockSendTo(s, buf, static_cast<unsigned>(len), to);
 }

@@ -74,6 +74,16 @@ int TxtBuf_reg::GetLine(char *line, unsigned size) {
   } else {
     return 0;
   }
+  return TakeOut(lineLen, used, line, size);
+}
+
+int TxtBuf_reg::TakeRest(char *line, unsigned size) {
+  if (line == nullptr || size == 0 || size_ == 0) return 0;
+  skipLf_ = false;
+  return TakeOut(size_, size_, line, size);
+}
+
+int TxtBuf_reg::TakeOut(unsigned lineLen, unsigned used, char *line, unsigned size) {
   unsigned const copied = std::min(lineLen, size - 1);
   std::memcpy(line, buf_.data() + head_, copied);
   line[copied] = '\0';

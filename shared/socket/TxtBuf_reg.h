@@ -31,6 +31,10 @@ public:
   // of a cut line is dropped). Returns the length copied + 1, or 0 when no
   // complete line is held (or line is null / size is 0).
   int GetLine(char *line, unsigned size);
+  // Takes every held byte out as one last line (no line end needed), cut to
+  // size - 1 and NUL-ended: for a stream that ended. Returns the length
+  // copied + 1, 0 when nothing is held.
+  int TakeRest(char *line, unsigned size);
   // Bytes that Put still accepts.
   unsigned Room() const { return capacity_ - size_; }
   // Bytes held (no complete line among them after GetLine returned 0).
@@ -39,6 +43,8 @@ public:
   void Reset();
 
 private:
+  // Copies lineLen bytes (cut to size - 1) out and consumes used bytes.
+  int TakeOut(unsigned lineLen, unsigned used, char *line, unsigned size);
   // Offset from head_ of the first CR or LF, or -1.
   long FindEol();
 

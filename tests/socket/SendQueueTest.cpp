@@ -4,14 +4,18 @@
 #include "platform/Clock.h"
 #include "socket/SocketCtrl.h"
 #include "socket/SocketPrimitives.h"
+#include "JoinedThread.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -68,7 +72,7 @@ struct Link {
       ::close(fd);
   }
   // Connects one more client; returns the server side of it.
-  unsigned Add() {
+  unsigned Add(bool nonBlocking = true) {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     int small = 4096;
     ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
@@ -84,7 +88,9 @@ struct Link {
       srv.accept(&acc, 1);
     EXPECT_GT(acc.accepted.size(), before);
     unsigned s = acc.accepted.back();
-    EXPECT_EQ(1, srv.set_non_blocking(s));
+    if (nonBlocking) {
+      EXPECT_EQ(1, srv.set_non_blocking(s));
+    }
     EXPECT_EQ(1, srv.SetSndBufSize(4096, s));
     return s;
   }
@@ -334,6 +340,84 @@ TEST(SendQueue, DestroyedControllerLeavesNothingQueued) {
     ASSERT_EQ(1, q.HasData(cs));
   }
   EXPECT_EQ(0, q.HasData(cs));
+}
+
+// The send thread never waits on one socket: a blocking, rate-limited socket
+// whose peer reads nothing cannot hold the queue (and every other socket of
+// it) hostage.
+TEST(SendQueue, BlockingSocketThatTakesNothingStallsNoOther) {
+  SendQueue q(4096, 256, 256);
+  Link link(&q);
+  unsigned stuck = link.Add(false);
+  unsigned other = link.Add();
+  ASSERT_EQ(1, link.srv.SetMaxSendQueue(8u << 20, 0, stuck));
+  ASSERT_EQ(1, link.srv.SetBytesCount(1, 1u << 30, stuck));
+  ASSERT_EQ(1, link.srv.SetMaxSendQueue(8u << 20, 0, other));
+  std::string const big = Pattern(512 * 1024, 9);
+  ASSERT_EQ(big.size(), link.srv.EnqueueData(stuck, big.data(), static_cast<unsigned>(big.size())));
+  std::string const data = Pattern(64 * 1024, 8);
+  ASSERT_EQ(data.size(), link.srv.EnqueueData(other, data.data(), static_cast<unsigned>(data.size())));
+  EXPECT_TRUE(ReadN(link.clients[1], data.size()) == data);
+  EXPECT_EQ(1, q.HasData(stuck));  // the queue's lock is free: this returns
+}
+
+// A stop from the send thread itself (here from the dump callback) ends the
+// thread instead of waiting for its own end; a later start collects it.
+TEST(SendQueue, StopFromItsOwnThreadDoesNotDeadlock) {
+  SendQueue q(4096, 16, 16);
+  struct Stopper final : ISendQueueDump {
+    SendQueue *q = nullptr;
+    std::atomic<int> calls{0};
+    void Dump(unsigned, char const *, unsigned, int sent) override {
+      if (sent && calls++ == 0)
+        q->StopSendQueueThread();
+    }
+  } stopper;
+  stopper.q = &q;
+  q.SetDebugDump(&stopper);
+  q.SetDebug(1);
+  Link link(&q);
+  unsigned s = link.Add();
+  ASSERT_EQ(1, link.srv.SetMaxSendQueue(100000, 0, s));
+  ASSERT_EQ(3u, link.srv.EnqueueData(s, "abc", 3));
+  EXPECT_EQ("abc", ReadN(link.clients[0], 3));
+  EXPECT_TRUE(WaitFor([&] { return q.IsOk() == 0; }));
+  EXPECT_EQ(1, q.StartSendQueueThread());
+  ASSERT_EQ(3u, link.srv.EnqueueData(s, "def", 3));
+  EXPECT_EQ("def", ReadN(link.clients[0], 3));
+  q.SetDebugDump(nullptr);
+}
+
+// The thread watches every socket with queued bytes, however many: more
+// sockets than select could hold all drain, each in order.
+TEST(SendQueue, ManyQueuedSocketsAllDrainInOrder) {
+  constexpr int kSockets = 2100;
+  rlimit rl{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &rl));
+  rl.rlim_cur = std::min<rlim_t>(rl.rlim_max, 2 * kSockets + 64);
+  ::setrlimit(RLIMIT_NOFILE, &rl);
+  if (rl.rlim_cur < 2 * kSockets + 64)
+    GTEST_SKIP() << "descriptor limit too low";
+  SendQueue q(4096, 64, 64);
+  SocketCtrl c(&q, 0, 0, 1, 0, "many");
+  std::vector<std::array<int, 2>> pairs(kSockets);
+  for (auto &p : pairs) {
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, p.data()));
+    unsigned s = static_cast<unsigned>(p[0]);
+    ASSERT_EQ(1, c.SetMaxSendQueue(100000, 0, s));
+    std::string const head = "head" + std::to_string(p[0]);
+    std::string const tail = "tail" + std::to_string(p[0]);
+    ASSERT_EQ(head.size(), c.EnqueueData(s, head.data(), static_cast<unsigned>(head.size())));
+    ASSERT_EQ(tail.size(), c.EnqueueData(s, tail.data(), static_cast<unsigned>(tail.size())));
+  }
+  for (auto &p : pairs) {
+    std::string const want = "head" + std::to_string(p[0]) + "tail" + std::to_string(p[0]);
+    EXPECT_EQ(want, ReadN(p[1], want.size()));
+  }
+  for (auto &p : pairs) {
+    c.closesocket(static_cast<unsigned>(p[0]));
+    ::close(p[1]);
+  }
 }
 
 }  // namespace

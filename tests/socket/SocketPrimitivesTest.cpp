@@ -274,3 +274,25 @@ TEST(Close, ShutsDownBeforeClosing) {
 }
 
 }  // namespace
+
+// A negative length must be refused before it turns into a huge unsigned
+// count that would send (and read) past the buffer.
+TEST(SoWriteTo, NegativeLengthIsRefusedWithoutSending) {
+  int rx = ::socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, ::bind(rx, reinterpret_cast<sockaddr *>(&to), sizeof(to)));
+  socklen_t len = sizeof(to);
+  ASSERT_EQ(0, ::getsockname(rx, reinterpret_cast<sockaddr *>(&to), &len));
+  int tx = ::socket(AF_INET, SOCK_DGRAM, 0);
+  char const buf[4] = {'a', 'b', 'c', 'd'};
+  EXPECT_EQ(-1, so_writeto(buf, -1, &to, static_cast<SOCKET>(tx)));
+  EXPECT_EQ(-1, so_writeto(buf, -70000, &to, static_cast<SOCKET>(tx)));
+  EXPECT_EQ(4, so_writeto(buf, 4, &to, static_cast<SOCKET>(tx)));
+  char got[8];
+  EXPECT_EQ(4, ::recv(rx, got, sizeof(got), 0));  // only the good one arrived
+  EXPECT_EQ(-1, ::recv(rx, got, sizeof(got), MSG_DONTWAIT));
+  ::close(tx);
+  ::close(rx);
+}

@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +24,9 @@ int const SockErrors::kInProgress = EINPROGRESS;
 int const SockErrors::kNoBufs = ENOBUFS;
 int const SockErrors::kBadHandle = EBADF;
 int const SockErrors::kInvalid = EINVAL;
+int const SockErrors::kMsgSize = EMSGSIZE;
+int const SockErrors::kProcFiles = EMFILE;
+int const SockErrors::kSysFiles = ENFILE;
 
 namespace {
 
@@ -176,27 +180,58 @@ int SockRecvFrom(SOCKET s, void *buf, unsigned len, sockaddr_in *from, bool dont
     return BadHandle();
   ssize_t r;
   sockaddr_in src{};
-  socklen_t slen;
+  iovec iov{buf, len};
+  msghdr msg{};
   do {
-    slen = sizeof(src);
-    r = ::recvfrom(Fd(s), buf, len, dontWait ? MSG_DONTWAIT : 0, AsSa(&src), &slen);
+    msg = msghdr{};
+    msg.msg_name = &src;
+    msg.msg_namelen = sizeof(src);
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    r = ::recvmsg(Fd(s), &msg, dontWait ? MSG_DONTWAIT : 0);
   } while (r < 0 && errno == EINTR);
   if (r < 0)
     return Fail(-1);
   if (from)
     *from = src;
+  if (msg.msg_flags & MSG_TRUNC) {
+    tLastError = EMSGSIZE;  // the rest of the datagram is gone: never pass it off as whole
+    return -1;
+  }
   return static_cast<int>(r);
 }
 
-int SockSend(SOCKET s, void const *buf, unsigned len) {
+int SockSend(SOCKET s, void const *buf, unsigned len, bool dontWait) {
   if (s == INVALID_SOCKET)
     return BadHandle();
+  int const flags = kNoSignal | (dontWait ? MSG_DONTWAIT : 0);
   ssize_t r;
   do {
-    r = ::send(Fd(s), buf, len, kNoSignal);
+    r = ::send(Fd(s), buf, len, flags);
   } while (r < 0 && errno == EINTR);
   return r < 0 ? Fail(-1) : static_cast<int>(r);
 }
+
+int SockSendPieces(SOCKET s, SockPiece const *pieces, unsigned count, bool dontWait) {
+  if (s == INVALID_SOCKET)
+    return BadHandle();
+  constexpr unsigned kMaxPieces = 64;
+  iovec iov[kMaxPieces];
+  count = count > kMaxPieces ? kMaxPieces : count;
+  for (unsigned i = 0; i < count; ++i)
+    iov[i] = iovec{const_cast<void *>(pieces[i].data), pieces[i].len};
+  msghdr msg{};
+  msg.msg_iov = iov;
+  msg.msg_iovlen = count;
+  int const flags = kNoSignal | (dontWait ? MSG_DONTWAIT : 0);
+  ssize_t r;
+  do {
+    r = ::sendmsg(Fd(s), &msg, flags);
+  } while (r < 0 && errno == EINTR);
+  return r < 0 ? Fail(-1) : static_cast<int>(r);
+}
+
+bool SockIsOpen(SOCKET s) { return s != INVALID_SOCKET && ::fcntl(Fd(s), F_GETFD) != -1; }
 
 int SockSendTo(SOCKET s, void const *buf, unsigned len, sockaddr_in const *to) {
   if (s == INVALID_SOCKET)
