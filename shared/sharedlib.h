@@ -46,6 +46,7 @@
 #include "sockbuf/ISockBuff.h"
 
 // server
+#include "server/SockSrv.h"
 
 // proxy
 
