@@ -563,7 +563,7 @@ int SockSrv::write(char const *data, int len, unsigned sock, int asLine) {
     DelUser(sock);
     return 0;
   }
-  if (inPass_ && OnServerThread()) {
+  if (OnServerThread() && inPass_) {  // inPass_ is the server thread's own
     batch_->Add(sock, data, n, asLine != 0, &failed_);
     bool const failed = !failed_.empty();
     DropFailed();
