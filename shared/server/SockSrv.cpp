@@ -282,7 +282,7 @@ int SockSrv::connectCallback(SocketCtrl *, unsigned int, unsigned int newSock) {
   return AddUser(newSock, peer, 0);
 }
 
-void SockSrv::closeCallback(SocketCtrl *, unsigned int sock, char const *) {
+void SockSrv::closeCallback(SocketCtrl *, unsigned int sock, char const *reason) {
   if (waker_ && sock == waker_->Socket()) {
     waker_.reset();  // cannot happen unless someone closed it; carry on without
     return;
@@ -295,7 +295,10 @@ void SockSrv::closeCallback(SocketCtrl *, unsigned int sock, char const *) {
     outgoingManaged_.store(0);
   }
   DelUser(sock);
-  if (cb_ && !DoExit())
+  // A failed write ends a user silently, whether the failure was seen by
+  // write (the user is already gone) or marked for this pass to close.
+  bool const writeFailed = reason && std::strcmp(reason, SocketCtrl::kReasonWriteError) == 0;
+  if (cb_ && !DoExit() && !writeFailed)
     cb_->OnSockSrvClose(sock);
 }
 

@@ -124,7 +124,13 @@ TEST(SockSrv, FailedWriteDropsTheUserWithoutCallback) {
   EXPECT_EQ(f.srv->write("hi", 2, sock, 1), 0);
   EXPECT_EQ(Users(*f.srv), 0u);
   EXPECT_EQ(f.srv->write("hi", 2, sock, 0), 0);
+  // The controller's pass that handles the marked failure stays silent too.
+  f.srv->WakeUp();
+  auto [fd, other] = f.Join();
+  ASSERT_TRUE(SendAll(fd, "after\n"));
+  EXPECT_EQ(ReadBytes(fd, 7), "after\r\n");
   EXPECT_EQ(f.app.TotalCloses(), 0);
+  ::close(fd);
   ::close(lone);
 }
 
