@@ -47,6 +47,7 @@
 #include "sockbuf/SockUrl.h"
 
 // server
+#include "server/SockSrv.h"
 
 // proxy
 
