@@ -14,6 +14,10 @@
 namespace {
 
 constexpr int kDiscoverMs = 2000;
+// One search only: every gateway answers a search for the first version of
+// its device type, and the library's default list would wait kDiscoverMs
+// for each of four types when there is no gateway.
+char const *const kGatewayTypes[] = {"urn:schemas-upnp-org:device:InternetGatewayDevice:1", nullptr};
 constexpr unsigned char kSsdpTtl = 2;
 constexpr int kMaxPort = 65535;
 // UPNP_GetValidIGD: 1 a connected gateway; 2 a gateway that calls itself not
@@ -34,7 +38,8 @@ Gateway gGateway;
 bool Discover(Gateway *gw) {
   gw->known = false;
   int err = 0;
-  UPNPDev *devices = upnpDiscover(kDiscoverMs, nullptr, nullptr, UPNP_LOCAL_PORT_ANY, 0, kSsdpTtl, &err);
+  UPNPDev *devices = upnpDiscoverDevices(kGatewayTypes, kDiscoverMs, nullptr, nullptr,
+                                         UPNP_LOCAL_PORT_ANY, 0, kSsdpTtl, &err, 0);
   if (devices == nullptr)
     return false;
   UPNPUrls urls{};
