@@ -30,6 +30,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -143,6 +144,7 @@ public:
     ::close(out);
   }
   ~GatewayDaemon() { Stop(); }
+  std::string Log() const { return ReadFile(log_); }
 
   // Polls the log until the daemon serves HTTP; false when it exits first or
   // the limit passes.
@@ -256,13 +258,29 @@ protected:
   }
 
   void TearDown() override {
+    if (HasFailure() && daemon_)
+      std::cerr << "gateway log:\n" << daemon_->Log();
     daemon_.reset();  // before the namespaces go
     stun_.reset();
   }
 
+  // Ready once the LAN host's search gets an answer: the daemon opens its
+  // SSDP socket only after it logs that HTTP is up.
   void StartGateway() {
     daemon_ = std::make_unique<GatewayDaemon>(gw_->name(), conf_, dir_.path);
     ASSERT_TRUE(daemon_->WaitReady());
+    char const *const types[] = {"urn:schemas-upnp-org:device:InternetGatewayDevice:1", nullptr};
+    bool found = false;
+    auto const deadline = Clock::now() + kGatewayStartLimit;
+    while (!found && Clock::now() < deadline) {
+      lan_->RunIn([&] {
+        int err = 0;
+        UPNPDev *devs = upnpDiscoverDevices(types, 500, nullptr, nullptr, UPNP_LOCAL_PORT_ANY, 0, 2, &err, 0);
+        found = devs != nullptr;
+        freeUPNPDevlist(devs);
+      });
+    }
+    ASSERT_TRUE(found) << "the gateway never answered a search";
   }
 
   static bool Lan(nstest::Netns const &ns, std::string const &ifname, std::string const &cidr) {
