@@ -16,6 +16,7 @@ install(DIRECTORY shared/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sharedlib
   PATTERN "FileApi.h" EXCLUDE
   PATTERN "ProcessApi.h" EXCLUDE
   PATTERN "SocketApi.h" EXCLUDE
+  PATTERN "NetIf.h" EXCLUDE
   PATTERN "PosixThread.h" EXCLUDE)
 
 install(EXPORT sharedlibTargets NAMESPACE sharedlib::

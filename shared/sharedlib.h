@@ -41,6 +41,9 @@
 #include "socket/SocketCtrl.h"
 #include "socket/SocketPrimitives.h"
 #include "socket/TxtBuf_reg.h"
+#include "socket/CAdapter.h"
+#include "socket/UPnP.h"
+#include "socket/XIpAddr.h"
 
 // sockbuf
 #include "sockbuf/BufVectorReg.h"
