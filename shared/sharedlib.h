@@ -44,6 +44,8 @@
 
 // sockbuf
 #include "sockbuf/ISockBuff.h"
+#include "sockbuf/MWPacer.h"
+#include "sockbuf/SockMWBuffs.h"
 #include "sockbuf/SockUrl.h"
 
 // server
