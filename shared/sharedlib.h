@@ -54,6 +54,8 @@
 #include "sockbuf/SockBuf_defrag.h"
 #include "sockbuf/SockBuf_reg.h"
 #include "sockbuf/SockBuf_reg2.h"
+#include "sockbuf/MWPacer.h"
+#include "sockbuf/SockMWBuffs.h"
 #include "sockbuf/SockUrl.h"
 
 // server

@@ -1,0 +1,183 @@
+// Pacing accuracy of SockMWBuffs over loopback TCP, beside a plain
+// sleep_until pacer (what a user would write instead) in the same run.
+// For each rate: achieved rate against target over the run, the largest
+// number of bytes received in any 100 ms, and process CPU per second.
+// Usage: bench_mw_pacing [seconds per run, default 10]
+#include <sharedlib.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+double CpuSeconds() {
+  timespec ts{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// Accepts one connection and counts the bytes received per millisecond.
+class Receiver {
+public:
+  Receiver() {
+    lfd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(lfd_, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    ::listen(lfd_, 1);
+    socklen_t n = sizeof a;
+    ::getsockname(lfd_, reinterpret_cast<sockaddr *>(&a), &n);
+    port_ = ntohs(a.sin_port);
+  }
+  ~Receiver() { ::close(lfd_); }
+  int Port() const { return port_; }
+  // Receives for ms milliseconds after the first byte; returns bytes per ms.
+  std::vector<unsigned> Run(unsigned ms) {
+    std::vector<unsigned> perMs(ms, 0);
+    int fd = ::accept(lfd_, nullptr, nullptr);
+    char buf[65536];
+    SteadyClock::time_point start{};
+    bool started = false;
+    for (;;) {
+      pollfd p{fd, POLLIN, 0};
+      if (::poll(&p, 1, 100) <= 0 && started && SteadyClock::now() - start > std::chrono::milliseconds(ms))
+        break;
+      ssize_t r = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+      if (r == 0)
+        break;
+      if (r < 0)
+        continue;
+      auto now = SteadyClock::now();
+      if (!started) {
+        start = now;
+        started = true;
+      }
+      auto at = static_cast<unsigned>(std::chrono::duration_cast<std::chrono::milliseconds>(now - start).count());
+      if (at >= ms)
+        break;
+      perMs[at] += static_cast<unsigned>(r);
+    }
+    ::close(fd);
+    return perMs;
+  }
+
+private:
+  int lfd_ = -1;
+  int port_ = 0;
+};
+
+void Report(char const *who, unsigned kbps, std::vector<unsigned> const &perMs, double cpu) {
+  double const target = kbps * 1024.0 / 8.0;
+  unsigned long long total = 0, sum100 = 0, worst100 = 0;
+  for (size_t i = 0; i < perMs.size(); ++i) {
+    total += perMs[i];
+    sum100 += perMs[i];
+    if (i >= 100)
+      sum100 -= perMs[i - 100];
+    worst100 = std::max(worst100, sum100);
+  }
+  double const secs = static_cast<double>(perMs.size()) / 1000.0;
+  double const rate = static_cast<double>(total) / secs;
+  std::printf("%-10s %6u kbit/s  achieved %+6.2f%%  max/100ms %8llu B (slot %6.0f B)  cpu %5.1f ms/s\n", who,
+              kbps, (rate / target - 1.0) * 100.0, worst100, target / 10.0, cpu / secs * 1000.0);
+}
+
+unsigned PacketBytes(unsigned kbps) { return kbps <= 64 ? 172 : 1400; }
+
+std::vector<char> Packet(unsigned seq, unsigned len) {
+  std::vector<char> p(len, 0);
+  unsigned payload = len - 12;
+  std::memcpy(&p[4], &seq, 4);
+  p[8] = static_cast<char>(payload & 0xFF);
+  p[9] = static_cast<char>(payload >> 8);
+  return p;
+}
+
+void RunOurs(unsigned kbps, unsigned seconds, SendQueue *queue) {
+  Receiver rx;
+  std::vector<unsigned> perMs;
+  std::thread t([&] { perMs = rx.Run(seconds * 1000); });
+  SockMWBuffs mw(kbps, 10, 3000, 0, 0, 0, queue, nullptr, 0, 1000, 0);
+  char url[64];
+  std::snprintf(url, sizeof url, "tcp://127.0.0.1:%d", rx.Port());
+  mw.SetUrl(url);
+  mw.OpenUrl();
+  double const cpu0 = CpuSeconds();
+  mw.StartWriteThread();
+  unsigned const len = PacketBytes(kbps);
+  unsigned const keep = static_cast<unsigned>(kbps * 1024u / 8u);  // about a second ahead
+  auto const end = SteadyClock::now() + std::chrono::seconds(seconds) + std::chrono::milliseconds(300);
+  unsigned seq = 0;
+  while (SteadyClock::now() < end) {
+    while (mw.GetnBytesInBuffer() < keep)
+      mw.write(Packet(seq++, len).data(), len);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  double const cpu = CpuSeconds() - cpu0;
+  mw.Abort();
+  t.join();
+  Report("SockMWBuffs", kbps, perMs, cpu);
+}
+
+// The usual hand-written pacer: one send per packet, sleep_until the time
+// the bytes so far are due.
+void RunSleepPacer(unsigned kbps, unsigned seconds) {
+  Receiver rx;
+  std::vector<unsigned> perMs;
+  std::thread t([&] { perMs = rx.Run(seconds * 1000); });
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(rx.Port()));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ::connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+  double const cpu0 = CpuSeconds();
+  unsigned const len = PacketBytes(kbps);
+  double const bytesPerSec = kbps * 1024.0 / 8.0;
+  auto const start = SteadyClock::now();
+  auto const end = start + std::chrono::seconds(seconds) + std::chrono::milliseconds(300);
+  unsigned long long sent = 0;
+  unsigned seq = 0;
+  while (SteadyClock::now() < end) {
+    std::vector<char> p = Packet(seq++, len);
+    if (::send(fd, p.data(), len, MSG_NOSIGNAL) != static_cast<ssize_t>(len))
+      break;
+    sent += len;
+    std::this_thread::sleep_until(start + std::chrono::microseconds(static_cast<long long>(sent / bytesPerSec * 1e6)));
+  }
+  double const cpu = CpuSeconds() - cpu0;
+  ::close(fd);
+  t.join();
+  Report("sleep_until", kbps, perMs, cpu);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  unsigned seconds = argc > 1 ? static_cast<unsigned>(std::atoi(argv[1])) : 10;
+  if (seconds == 0)
+    seconds = 10;
+  SendQueue queue(65536, 64, 64);
+  std::printf("%u s per run, 10 slots of 100 ms, packets of 172 B (64 kbit/s) or 1400 B\n", seconds);
+  for (unsigned kbps : {64u, 512u, 2048u, 16384u}) {
+    RunOurs(kbps, seconds, &queue);
+    RunSleepPacer(kbps, seconds);
+  }
+  return 0;
+}
