@@ -12,8 +12,11 @@
 // so that the two operations a stream of packets does all the time move
 // nothing: appending above the highest id (the tail run) and removing the
 // lowest entry (head_ advances). Other inserts and removals shift the shorter
-// side. The array grows by a fixed step when both free runs are used up;
-// growth is the only allocation. Look-up is a binary search.
+// side. When the tail run is used up, the entries move back to the front if
+// that frees at least half as many places as there are entries, otherwise
+// the array doubles (at least the growth step): appends and front removals
+// cost the same however many entries are held. Growth is the only
+// allocation. Look-up is a binary search.
 //
 // No lock: the owner serialises access. Pointers and references to entries
 // are valid until the next insert or erase.
@@ -144,7 +147,10 @@ private:
       return true;
     }
     if (head_ + count_ == capacity_) {
-      if (head_ > 0) {
+      // Compacting costs count_ moves; it is done only when it frees at
+      // least half that many places at the tail, so its cost spread over the
+      // appends it makes room for stays constant. Otherwise grow geometrically.
+      if (head_ > 0 && head_ >= count_ / 2) {
         std::copy(begin(), end(), storage_);
         head_ = 0;
       } else if (!Grow()) {
@@ -160,7 +166,12 @@ private:
   bool Grow() {
     if (capacity_ > 0xFFFFFFFFu - growth_)
       return false;
-    unsigned capacity = capacity_ + growth_;
+    // Doubling (at least one growth step): reaching n entries copies O(n)
+    // entries in all, and a full array with a few free places at the front
+    // does not move everything on every append.
+    unsigned capacity = capacity_ + std::max(growth_, capacity_);
+    if (capacity < capacity_)
+      capacity = 0xFFFFFFFFu;
     T *bigger = new (std::nothrow) T[capacity];
     if (!bigger)
       return false;
