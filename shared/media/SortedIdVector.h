@@ -69,6 +69,7 @@ public:
       return false;
     std::copy(other.begin(), other.end(), storage_);
     count_ = other.count_;
+    base_ = other.base_;
     return true;
   }
 
@@ -86,19 +87,27 @@ public:
 
   // Position of the first entry with an id not below id (Count() when none).
   unsigned LowerBound(unsigned id) const {
-    if (count_ == 0 || Id(At(count_ - 1)) < id)
+    unsigned const key = Key(id);
+    if (count_ == 0 || Key(At(count_ - 1)) < key)
       return count_;
     return static_cast<unsigned>(
-        std::lower_bound(begin(), end(), id, [](T const &e, unsigned k) { return Id(e) < k; }) - begin());
+        std::lower_bound(begin(), end(), key, [this](T const &e, unsigned k) { return Key(e) < k; }) - begin());
   }
 
   // Position of the first entry with an id above id (Count() when none).
   unsigned UpperBound(unsigned id) const {
-    if (count_ == 0 || Id(At(count_ - 1)) <= id)
+    unsigned const key = Key(id);
+    if (count_ == 0 || Key(At(count_ - 1)) <= key)
       return count_;
     return static_cast<unsigned>(
-        std::upper_bound(begin(), end(), id, [](unsigned k, T const &e) { return k < Id(e); }) - begin());
+        std::upper_bound(begin(), end(), key, [this](unsigned k, T const &e) { return k < Key(e); }) - begin());
   }
+
+  // Ids are ordered as unsigned distances above base (0: plain unsigned
+  // order). Moving the base keeps the order of the entries held as long as
+  // none lies in the range it moves across; the packet tables slide it
+  // behind their newest id so that ids order across the 32-bit wrap.
+  void SetKeyBase(unsigned base) { base_ = base; }
 
   // Position of the (first) entry with this id, kNotFound when none.
   unsigned Find(unsigned id) const {
@@ -134,6 +143,9 @@ public:
 
 private:
   static unsigned Id(T const &e) { return e.GetId(); }
+  // Ids are ordered by their distance above the key base, modulo 2^32.
+  unsigned Key(unsigned id) const { return id - base_; }
+  unsigned Key(T const &e) const { return Id(e) - base_; }
 
   bool InsertAt(unsigned pos, T const &entry) {
     if (!storage_ && !Create(growth_))
@@ -187,6 +199,7 @@ private:
   unsigned capacity_ = 0;
   unsigned head_ = 0;   // free entries before the first one
   unsigned count_ = 0;
+  unsigned base_ = 0;
   unsigned const growth_;
 };
 
