@@ -81,14 +81,20 @@ int FragQueue::Write(void const *data, unsigned len) {
   if (closing_ || storage_ == nullptr)
     return 0;
   std::uint64_t const needed = std::uint64_t{used_} + len;
-  if (head_ + needed > size_)
-    MakeRoom(needed);
+  if (needed > size_ && growable_)
+    Grow(needed);  // on failure the old storage stays: an overflow below
   if (needed > size_) {
     // An overflow drops everything held, not just the new bytes.
     head_ = used_ = 0;
     return 0;
   }
-  std::memcpy(storage_ + head_ + used_, data, len);
+  // Into the ring behind the bytes held, in two pieces across the end.
+  unsigned const tail = Wrap(std::uint64_t{head_} + used_);
+  unsigned const first = std::min(len, size_ - tail);
+  auto const *bytes = static_cast<unsigned char const *>(data);
+  std::memcpy(storage_ + tail, bytes, first);
+  if (first < len)
+    std::memcpy(storage_, bytes + first, len - first);
   used_ += len;
   if (FrontTooLarge()) {
     // Raw bytes claiming a packet above the largest size: the queue would
@@ -104,43 +110,55 @@ int FragQueue::Write(void const *data, unsigned len) {
   return 1;
 }
 
-void FragQueue::MakeRoom(std::uint64_t needed) {
-  // Moving the held bytes to the front costs used_; it is done when that
-  // alone makes room and either the queue cannot grow or the bytes already
-  // read (head_) are at least as many as those moved, so its cost spreads
-  // over the reads that made the gap. Otherwise a growable queue doubles.
-  bool const fitsAfterMove = needed <= size_;
-  if (fitsAfterMove && (!growable_ || head_ >= used_)) {
-    std::memmove(storage_, storage_ + head_, used_);
-    head_ = 0;
-    return;
-  }
-  if (!growable_)
-    return;  // an overflow
+void FragQueue::Grow(std::uint64_t needed) {
+  // Doubling: reaching n bytes copies O(n) in all.
   std::uint64_t grown = std::max<std::uint64_t>(needed, std::uint64_t{size_} * 2);
   grown = std::min<std::uint64_t>(grown, 0xFFFFFFFFu);
   if (needed > grown)
     return;
   auto *bigger = static_cast<unsigned char *>(std::malloc(static_cast<std::size_t>(grown)));
   if (bigger == nullptr)
-    return;  // the old storage stays; treated as an overflow unless moving fits
-  std::memcpy(bigger, storage_ + head_, used_);
+    return;
+  CopyOut(0, bigger, used_);  // straightened out: the front at 0
   std::free(storage_);
   storage_ = bigger;
   size_ = static_cast<unsigned>(grown);
   head_ = 0;
 }
 
-bool FragQueue::FrontTooLarge() {
-  // Only the long framing can claim more than 65,547 bytes; the largest size
-  // bounds growth whatever the framing.
-  if (used_ < HeaderSize())
-    return false;
-  return PacketSizeAt(storage_ + head_) > maxPacket_;
+unsigned FragQueue::Wrap(std::uint64_t offset) const {
+  return static_cast<unsigned>(offset >= size_ ? offset - size_ : offset);
 }
 
-std::uint64_t FragQueue::PacketSizeAt(unsigned char const *p) const {
-  return longHeader_ ? std::uint64_t{Le32(p + 8)} + kLongHdrLen : std::uint64_t{Le16(p + 8)} + kShortHdrLen;
+void FragQueue::CopyOut(unsigned at, void *dst, unsigned n) const {
+  unsigned const from = Wrap(std::uint64_t{head_} + at);
+  unsigned const first = std::min(n, size_ - from);
+  auto *out = static_cast<unsigned char *>(dst);
+  std::memcpy(out, storage_ + from, first);
+  if (first < n)
+    std::memcpy(out + first, storage_, n - first);
+}
+
+bool FragQueue::FrontTooLarge() const {
+  // Only the long framing can claim more than 65,547 bytes; the largest size
+  // bounds growth whatever the framing.
+  return used_ >= HeaderSize() && FrontPacketSize() > maxPacket_;
+}
+
+std::uint64_t FragQueue::FrontPacketSize() const {
+  unsigned char copy[kLongHdrLen];
+  unsigned char const *header = storage_ + head_;
+  if (size_ - head_ < HeaderSize()) {  // the header wraps
+    CopyOut(0, copy, HeaderSize());
+    header = copy;
+  }
+  return longHeader_ ? std::uint64_t{Le32(header + 8)} + kLongHdrLen : std::uint64_t{Le16(header + 8)} + kShortHdrLen;
+}
+
+std::uint32_t FragQueue::FrontWord(unsigned at) const {
+  unsigned char word[4];
+  CopyOut(at, word, 4);
+  return Le32(word);
 }
 
 void FragQueue::SetMaxPacketSize(unsigned bytes) {
@@ -159,10 +177,10 @@ unsigned FragQueue::NextPktSizeLocked() {
   for (;;) {
     if (used_ < HeaderSize())
       return 0;
-    std::uint64_t const size = PacketSizeAt(storage_ + head_);
+    std::uint64_t const size = FrontPacketSize();
     if (size > used_)
       return 0;
-    if (filter_ != 0 && Le32(storage_ + head_) != filter_) {
+    if (filter_ != 0 && FrontWord(0) != filter_) {
       DropFront(static_cast<unsigned>(size));
       continue;
     }
@@ -171,12 +189,12 @@ unsigned FragQueue::NextPktSizeLocked() {
 }
 
 void FragQueue::DropFront(unsigned n) {
-  // The front moves on; nothing is copied (Write moves or grows later).
+  // The front moves on round the ring; nothing is copied.
   if (n >= used_) {
     head_ = used_ = 0;
     return;
   }
-  head_ += n;
+  head_ = Wrap(std::uint64_t{head_} + n);
   used_ -= n;
 }
 
@@ -235,11 +253,11 @@ int FragQueue::Read(char **buf, unsigned *cap, int mayAllocate) {
     }
     if (room >= size) {
       result = 1;
-      std::uint32_t const seq = Le32(storage_ + head_ + 4);
+      std::uint32_t const seq = FrontWord(4);
       if (filter_ != 0 && lastSeq_ != 0 && seq > lastSeq_ + 1)
         lost_ += seq - lastSeq_ - 1;
       lastSeq_ = seq;
-      std::memcpy(*buf, storage_ + head_, size);
+      CopyOut(0, *buf, size);
       *cap = size;
     }
   }

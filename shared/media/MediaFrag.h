@@ -46,15 +46,15 @@
 #include <cstdint>
 #include <memory>
 
-// A byte queue of whole media packets (or fragments), each kept contiguous:
+// A byte queue of whole media packets (or fragments) in a ring:
 //
-//   storage_: [ read | held: packet packet part... | free ]
-//              ^0     ^head_                ^head_+used_  ^size_
+//   storage_: [ ...packet | free | packet packet ... ]
+//                         ^ tail   ^head_         ^size_ (wraps to 0)
 //
-// A read only moves head_ on. A write that does not fit at the back moves
-// the held bytes to the front when that is cheap enough, and a growable
-// queue otherwise doubles: a write plus a read cost the same with a few
-// bytes or megabytes held.
+// A read copies the front packet out (in two pieces when it wraps) and moves
+// head_ on; a write copies in behind the bytes held; nothing held is ever
+// moved. A growable queue that is full doubles. So a write plus a read costs
+// the same with a few bytes or megabytes held.
 class SHAREDLIB_API FragQueue {
 public:
   // size: bytes of storage, allocated zero-filled now. longHeader: packets
@@ -118,9 +118,13 @@ public:
 private:
   unsigned NextPktSizeLocked();
   void DropFront(unsigned n);
-  void MakeRoom(std::uint64_t needed);  // caller holds lock_
-  bool FrontTooLarge();                 // caller holds lock_
-  std::uint64_t PacketSizeAt(unsigned char const *p) const;
+  // The helpers below run with lock_ held.
+  void Grow(std::uint64_t needed);
+  unsigned Wrap(std::uint64_t offset) const;  // an offset below 2 * size_ into the ring
+  void CopyOut(unsigned at, void *dst, unsigned n) const;  // n bytes from at bytes past the front
+  bool FrontTooLarge() const;
+  std::uint64_t FrontPacketSize() const;  // needs a whole header held
+  std::uint32_t FrontWord(unsigned at) const;
   unsigned HeaderSize() const { return longHeader_ ? 14u : 12u; }
 
   std::atomic<int> closing_;
@@ -130,7 +134,7 @@ private:
   int readerWaiting_;          // guarded by lock_
   int wakePending_;            // guarded by lock_: a WakeReader found no reader waiting
   unsigned char *storage_;     // guarded by lock_; malloc'd
-  unsigned head_;              // guarded by lock_: offset of the first byte held
+  unsigned head_;              // guarded by lock_: ring offset of the first byte held
   unsigned used_;              // guarded by lock_
   unsigned maxPacket_;         // guarded by lock_
   unsigned size_;              // guarded by lock_
