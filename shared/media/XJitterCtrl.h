@@ -89,7 +89,9 @@ public:
   int Resume();
   // Releases a waiting reader, raises OnJitterStop, waits for the read
   // thread without time limit (a never-resumed thread is released without
-  // running), then destroys the buffer. Nothing when not started.
+  // running), then destroys the buffer. Nothing when not started. Called on
+  // the read thread itself (from a callback) it lets the thread go instead
+  // of waiting for it (see IJitterBufferEvents).
   void Stop();
 
   // 1 when stored (see JitterBuffer::insert); 0 when stopped.
