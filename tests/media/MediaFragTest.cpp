@@ -296,7 +296,12 @@ TEST(FragQueue, ASecondCloseReturnsOnlyWhenTheFirstIsDone) {
     });
     ASSERT_TRUE(reading.Wait());
     std::jthread first([q] { q->Close(); });
+    // Once writes are refused the first Close is under way (one byte is no
+    // whole packet, so an earlier accepted write wakes nobody).
+    char const byte = 0;
+    ASSERT_TRUE(testutil::Eventually([&] { return q->Write(&byte, 1) == 0; }));
     q->Close();
+    EXPECT_EQ(0u, q->GetSize());  // the first one has freed the storage
     reader.join();
     delete q;  // safe once this thread's Close returned, whatever the first does
   }
