@@ -1,5 +1,7 @@
 #include "media/BinBuf.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -38,6 +40,7 @@ void BinBuf_reg::reset() {
   aborted_.store(0);
   enabled_.store(1);
   used_.store(0);
+  head_.store(0);
 }
 
 void BinBuf_reg::Abort() {
@@ -55,7 +58,9 @@ void BinBuf_reg::ResetWaitingForData() {
   }
 }
 
-void *BinBuf_reg::GetBufPtr() { return buffer_.load(std::memory_order_relaxed); }
+void *BinBuf_reg::GetBufPtr() {
+  return buffer_.load(std::memory_order_relaxed) + head_.load(std::memory_order_relaxed);
+}
 
 unsigned BinBuf_reg::GetBytesUsed() { return used_.load(std::memory_order_relaxed); }
 
@@ -83,20 +88,35 @@ int BinBuf_reg::SaveData(void *data, unsigned len) {
   char *buffer = buffer_.load();
   unsigned const used = used_.load();
   unsigned const size = size_.load();
+  unsigned head = head_.load();
   bool const overflows = len > 0xFFFFFFFFu - used;
-  if (!overflows && used + len > size && canRealloc_) {
-    char *bigger = new (std::nothrow) char[used + len]();
+  // A growable register grows when the bytes held would not fit, and also
+  // when only moving them to the front would make room but they outnumber
+  // the bytes already read (moving them would cost more than the reads that
+  // made the gap). It doubles, so reaching n bytes copies O(n) in all.
+  bool const fitsAtBack = !overflows && std::uint64_t{head} + used + len <= size;
+  if (!overflows && !fitsAtBack && canRealloc_ && (used + len > size || head < used)) {
+    std::uint64_t grown = std::max<std::uint64_t>(std::uint64_t{used} + len, std::uint64_t{size} * 2);
+    grown = std::min<std::uint64_t>(grown, 0xFFFFFFFFu);
+    char *bigger = new (std::nothrow) char[static_cast<std::size_t>(grown)];
     if (bigger) {
-      std::memcpy(bigger, buffer, used);
+      std::memcpy(bigger, buffer + head, used);
       delete[] buffer;
       buffer = bigger;
+      head = 0;
       buffer_.store(bigger);
-      size_.store(used + len);
+      head_.store(0);
+      size_.store(static_cast<unsigned>(grown));
     }
   }
   int saved = 0;
   if (!overflows && used + len <= size_.load()) {
-    std::memcpy(buffer + used, data, len);
+    if (std::uint64_t{head} + used + len > size_.load()) {
+      std::memmove(buffer, buffer + head, used);
+      head = 0;
+      head_.store(0);
+    }
+    std::memcpy(buffer + head + used, data, len);
     used_.store(used + len);
     saved = 1;
   }
@@ -146,10 +166,13 @@ int BinBuf_reg::GetData(void *buf, unsigned *len) {
 
   char *buffer = buffer_.load();
   unsigned const used = used_.load();
+  unsigned const head = head_.load();
   unsigned const n = used < *len ? used : *len;
   if (buf)
-    std::memcpy(buf, buffer, n);
-  std::memmove(buffer, buffer + n, used - n);
+    std::memcpy(buf, buffer + head, n);
+  // The front moves on; the rest stays where it is (SaveData moves it when
+  // it needs the room).
+  head_.store(n == used ? 0 : head + n);
   used_.store(used - n);
   *len = n;
   lock_.Signal("BinBuf_reg::GetData");

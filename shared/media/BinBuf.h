@@ -1,9 +1,15 @@
 // BinBuf.h: binary byte pipes between one producer and one consumer thread,
 // and a numbered set of them.
 //
-// BinBuf_reg holds bytes from the start of one buffer: the producer appends
-// with SaveData (a write that does not fit is refused whole, unless the
-// register may grow), the consumer takes bytes from the front with GetData.
+// BinBuf_reg holds bytes in one buffer from a head offset on:
+//
+//   buffer_: [ read | held (used_) | free ]
+//              ^0     ^head_              ^size_
+//
+// the producer appends with SaveData (a write that does not fit is refused
+// whole, unless the register may grow: it then doubles), the consumer takes
+// bytes from the front with GetData, which only moves head_ on. Held bytes
+// move to the front only when a write needs the room.
 // A blocking register makes GetData wait for data, or with wait-for-all for
 // the whole amount asked. Abort empties the register, makes both directions
 // refuse and releases a blocked reader; reset makes it usable again.
@@ -36,7 +42,7 @@
 class SHAREDLIB_API BinBuf_reg {
 public:
   // size 0 leaves the register not ok. canRealloc lets a write that does not
-  // fit grow the buffer to exactly what it needs; canBlock makes GetData
+  // fit grow the buffer (doubling, at least to what it needs); canBlock makes GetData
   // wait; waitForAll makes it wait for the whole amount asked.
   BinBuf_reg(unsigned size, int canRealloc, int canBlock, int waitForAll);
   virtual ~BinBuf_reg();
@@ -52,6 +58,7 @@ public:
   // null) and sets *len to the count; 1 on success, 0 on failure (*len
   // unchanged). Blocks as described above.
   virtual int GetData(void *buf, unsigned *len);
+  // The first byte held (it moves as bytes are read and on growth).
   virtual void *GetBufPtr();
   virtual unsigned GetBytesLeft();
   virtual unsigned GetBytesUsed();
@@ -69,6 +76,7 @@ private:
 
   std::atomic<char *> buffer_{nullptr};  // replaced under lock_ (growth)
   std::atomic<unsigned> used_{0};        // written under lock_
+  std::atomic<unsigned> head_{0};        // written under lock_: offset of the first byte held
   std::atomic<int> aborted_{0};          // written under lock_
   std::atomic<int> enabled_{1};
   int const canRealloc_;

@@ -436,7 +436,12 @@ unsigned CLBuffer::_insert(unsigned id, char const *data, unsigned len, unsigned
       into = NewSlot();
       if (!into)
         return 0;
+      CLDataBuf *const firstBefore = rec.GetFirstSlot();
       rec.AddSlot(into, target, after);
+      // A slot placed in front of the one a pending peek read from: the
+      // commit would take the new bytes instead of the peeked ones.
+      if (peekId_ == id && rec.GetFirstSlot() != firstBefore)
+        peekId_ = peekCount_ = 0;
     }
     slot = into;
     stored = rec.AppendPacket(into, data, len, slotSize_, split_, &at);

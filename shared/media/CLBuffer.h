@@ -184,8 +184,9 @@ public:
   unsigned first(unsigned id, char *buf, unsigned *len, __int64 *userData, int consume, int *done);
   // Commits the last peek of record id: removes min(n, count peeked) bytes
   // from the front of its first slot. Nothing when id is not the peeked one,
-  // or when the record lost bytes from its front since the peek (a consuming
-  // read, a replacing insert, an erase): those spend the peek.
+  // or when the record's front changed since the peek (a consuming read, a
+  // replacing insert, an insert of a slot in front, an erase): those spend
+  // the peek.
   void poplastop(unsigned id, unsigned n);
 
   // 1 when record id exists, its first slot copied as by first(buf, len).

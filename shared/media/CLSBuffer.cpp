@@ -16,6 +16,14 @@ CLSPktTable::CLSPktTable(unsigned budget) : packets_(kTableStep), budget_(budget
 
 CLSPktTable::~CLSPktTable() = default;
 
+void CLSPktTable::RaiseHighestId(unsigned pktId) {
+  if (!IsNewest(pktId))
+    return;
+  highest_ = pktId;
+  // The table orders ids within the half of the id space behind the newest.
+  packets_.SetKeyBase(pktId - 0x7FFFFFFFu);
+}
+
 int CLSPktTable::Add(CLSPktRec const &rec) {
   if (rec.id == 0 || Find(rec.id))
     return 0;
@@ -289,7 +297,7 @@ int CLSBuffer::AddPacket(unsigned id, unsigned pktId, void *data, unsigned len, 
   }
 
   CLSPktRec rec(pktId, len, info, nullptr, nullptr, 0);
-  if (pktId > table->GetHighestId())
+  if (table->IsNewest(pktId))
     return _AddPacket(id, table, rec, data, newSlot, nullptr, 1);
 
   // Late packet: it goes in front of F, the first packet above it.

@@ -87,10 +87,13 @@ public:
   int IsOk() const { return packets_.IsCreated(); }
   unsigned GetBudget() const { return budget_; }
   unsigned GetHighestId() const { return highest_; }
-  void RaiseHighestId(unsigned pktId) {
-    if (pktId > highest_)
-      highest_ = pktId;
-  }
+  // Packet ids compare as serial numbers (RFC 1982 style): a is after b
+  // when a - b, taken as a signed 32-bit value, is positive. So ids keep
+  // their order across the 32-bit wrap, within half the id space.
+  static bool IsAfter(unsigned a, unsigned b) { return static_cast<int>(a - b) > 0; }
+  // True when pktId is above every id added so far (or none was).
+  bool IsNewest(unsigned pktId) const { return highest_ == 0 || IsAfter(pktId, highest_); }
+  void RaiseHighestId(unsigned pktId);
   unsigned GetCount() const { return packets_.Count(); }
 
   // The entry for pktId, null when none. Valid until the next add or remove.

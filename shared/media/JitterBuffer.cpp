@@ -30,6 +30,7 @@ int JitterBuffer::insert(unsigned seq, char const *data, unsigned len) {
     lost_ += seq - lastSeq_ - 1;
   ++inserted_;
   bytesLeft_ += len;
+  bytesHeld_ += len;
   lastSeq_ = seq;
   return 1;
 }
@@ -43,11 +44,13 @@ int JitterBuffer::remove(unsigned seq) {
   // getszdata returns the record's id; the size would come back only through
   // the pointer left null. Deducting the id is the counter's long-standing
   // behaviour, kept (see the header).
-  unsigned const deducted = getszdata(seq, nullptr);
+  unsigned size = 0;
+  unsigned const deducted = getszdata(seq, &size);
   int const erased = erase(seq);
   if (erased) {
     ++removed_;
     bytesLeft_ -= deducted;
+    bytesHeld_ -= size;
   }
   return erased;
 }
@@ -60,11 +63,13 @@ int JitterBuffer::search(unsigned seq, char *buf, unsigned *len) {
 
 unsigned JitterBuffer::popfirst(char *buf, unsigned *len) {
   // Same deduction as remove: the id of the lowest packet, not its size.
-  unsigned const deducted = getszdata(0, nullptr);
+  unsigned size = 0;
+  unsigned const deducted = getszdata(0, &size);
   unsigned const seq = CLBuffer::popfirst(buf, len);
   if (seq != 0) {
     ++removed_;
     bytesLeft_ -= deducted;
+    bytesHeld_ -= size;
   }
   return seq;
 }
@@ -77,8 +82,10 @@ unsigned JitterBuffer::popbytes(char *buf, unsigned *len) {
     *len = room;
   if (done)
     ++removed_;
-  if (seq != 0)
+  if (seq != 0) {
     bytesLeft_ -= room;  // the true count, unlike remove and popfirst
+    bytesHeld_ -= room;
+  }
   return seq;
 }
 
@@ -88,6 +95,7 @@ void JitterBuffer::flush() {
   inserted_ = 0;
   removed_ = 0;
   bytesLeft_ = 0;
+  bytesHeld_ = 0;
   erase_all();
 }
 

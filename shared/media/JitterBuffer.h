@@ -62,6 +62,9 @@ public:
   unsigned GetnPacketsInserted() const { return inserted_; }
   unsigned GetnPacketsRemoved() const { return removed_; }
   unsigned GetnBytesLeft() const { return bytesLeft_; }
+  // The bytes really held (every way out deducts the true size); what
+  // waits for data must use this, not the drifting bytes-left counter.
+  unsigned GetnBytesHeld() const { return bytesHeld_; }
   unsigned GetLastSeq() const { return lastSeq_; }
   unsigned GetMaxPacketSize() const { return GetSlotSize(); }
   // Fills each non-null pointer: packets left, percent full, lost, inserted,
@@ -75,4 +78,5 @@ private:
   std::uint32_t removed_ = 0;
   std::uint32_t lost_ = 0;
   std::uint32_t bytesLeft_ = 0;
+  std::uint32_t bytesHeld_ = 0;
 };

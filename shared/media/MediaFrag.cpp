@@ -2,6 +2,7 @@
 
 #include "platform/Clock.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -46,15 +47,19 @@ FragQueue::FragQueue(unsigned size, int longHeader, int growable, int blocking)
       growable_(growable),
       longHeader_(longHeader),
       readerWaiting_(0),
+      wakePending_(0),
       storage_(nullptr),
+      head_(0),
       used_(0),
+      maxPacket_(kDefaultMaxPacket),
       size_(0),
       filter_(0),
       lost_(0),
       lastSeq_(0),
       lock_(3, 1, 0, kForever, -1),
       dataSignal_(1, 1, 0, kForever, 0),
-      readerLock_(3, 1, 0, kForever, -1) {
+      readerLock_(3, 1, 0, kForever, -1),
+      closeLock_(3, 1, 0, kForever, -1) {
   if (size != 0) {
     storage_ = static_cast<unsigned char *>(std::calloc(size, 1));
     if (storage_ != nullptr)
@@ -76,27 +81,89 @@ int FragQueue::Write(void const *data, unsigned len) {
   if (closing_ || storage_ == nullptr)
     return 0;
   std::uint64_t const needed = std::uint64_t{used_} + len;
-  if (needed > size_ && growable_ && needed <= 0xFFFFFFFFu) {
-    // Exactly what is needed; on failure the old storage stays and the write
-    // is treated as an overflow below.
-    void *grown = std::realloc(storage_, static_cast<std::size_t>(needed));
-    if (grown != nullptr) {
-      storage_ = static_cast<unsigned char *>(grown);
-      size_ = static_cast<unsigned>(needed);
-    }
-  }
+  if (needed > size_ && growable_)
+    Grow(needed);  // on failure the old storage stays: an overflow below
   if (needed > size_) {
     // An overflow drops everything held, not just the new bytes.
-    used_ = 0;
+    head_ = used_ = 0;
     return 0;
   }
-  std::memcpy(storage_ + used_, data, len);
+  // Into the ring behind the bytes held, in two pieces across the end.
+  unsigned const tail = Wrap(std::uint64_t{head_} + used_);
+  unsigned const first = std::min(len, size_ - tail);
+  auto const *bytes = static_cast<unsigned char const *>(data);
+  std::memcpy(storage_ + tail, bytes, first);
+  if (first < len)
+    std::memcpy(storage_, bytes + first, len - first);
   used_ += len;
+  if (FrontTooLarge()) {
+    // Raw bytes claiming a packet above the largest size: the queue would
+    // grow for ever waiting for the rest, and the framing is lost. Drop
+    // everything, as an overflow does.
+    head_ = used_ = 0;
+    return kTooLarge;
+  }
   if (readerWaiting_ && NextPktSizeLocked() != 0) {
     readerWaiting_ = 0;
     dataSignal_.Signal("FragQueue::Write");
   }
   return 1;
+}
+
+void FragQueue::Grow(std::uint64_t needed) {
+  // Doubling: reaching n bytes copies O(n) in all.
+  std::uint64_t grown = std::max<std::uint64_t>(needed, std::uint64_t{size_} * 2);
+  grown = std::min<std::uint64_t>(grown, 0xFFFFFFFFu);
+  if (needed > grown)
+    return;
+  auto *bigger = static_cast<unsigned char *>(std::malloc(static_cast<std::size_t>(grown)));
+  if (bigger == nullptr)
+    return;
+  CopyOut(0, bigger, used_);  // straightened out: the front at 0
+  std::free(storage_);
+  storage_ = bigger;
+  size_ = static_cast<unsigned>(grown);
+  head_ = 0;
+}
+
+unsigned FragQueue::Wrap(std::uint64_t offset) const {
+  return static_cast<unsigned>(offset >= size_ ? offset - size_ : offset);
+}
+
+void FragQueue::CopyOut(unsigned at, void *dst, unsigned n) const {
+  unsigned const from = Wrap(std::uint64_t{head_} + at);
+  unsigned const first = std::min(n, size_ - from);
+  auto *out = static_cast<unsigned char *>(dst);
+  std::memcpy(out, storage_ + from, first);
+  if (first < n)
+    std::memcpy(out + first, storage_, n - first);
+}
+
+bool FragQueue::FrontTooLarge() const {
+  // Only the long framing can claim more than 65,547 bytes; the largest size
+  // bounds growth whatever the framing.
+  return used_ >= HeaderSize() && FrontPacketSize() > maxPacket_;
+}
+
+std::uint64_t FragQueue::FrontPacketSize() const {
+  unsigned char copy[kLongHdrLen];
+  unsigned char const *header = storage_ + head_;
+  if (size_ - head_ < HeaderSize()) {  // the header wraps
+    CopyOut(0, copy, HeaderSize());
+    header = copy;
+  }
+  return longHeader_ ? std::uint64_t{Le32(header + 8)} + kLongHdrLen : std::uint64_t{Le16(header + 8)} + kShortHdrLen;
+}
+
+std::uint32_t FragQueue::FrontWord(unsigned at) const {
+  unsigned char word[4];
+  CopyOut(at, word, 4);
+  return Le32(word);
+}
+
+void FragQueue::SetMaxPacketSize(unsigned bytes) {
+  shared::SemGuard guard(lock_);
+  maxPacket_ = bytes != 0 ? bytes : kDefaultMaxPacket;
 }
 
 unsigned FragQueue::NextPktSize() {
@@ -110,11 +177,10 @@ unsigned FragQueue::NextPktSizeLocked() {
   for (;;) {
     if (used_ < HeaderSize())
       return 0;
-    std::uint64_t const size =
-        longHeader_ ? std::uint64_t{Le32(storage_ + 8)} + kLongHdrLen : std::uint64_t{Le16(storage_ + 8)} + kShortHdrLen;
+    std::uint64_t const size = FrontPacketSize();
     if (size > used_)
       return 0;
-    if (filter_ != 0 && Le32(storage_) != filter_) {
+    if (filter_ != 0 && FrontWord(0) != filter_) {
       DropFront(static_cast<unsigned>(size));
       continue;
     }
@@ -123,11 +189,12 @@ unsigned FragQueue::NextPktSizeLocked() {
 }
 
 void FragQueue::DropFront(unsigned n) {
+  // The front moves on round the ring; nothing is copied.
   if (n >= used_) {
-    used_ = 0;
+    head_ = used_ = 0;
     return;
   }
-  std::memmove(storage_, storage_ + n, used_ - n);
+  head_ = Wrap(std::uint64_t{head_} + n);
   used_ -= n;
 }
 
@@ -148,6 +215,12 @@ int FragQueue::Read(char **buf, unsigned *cap, int mayAllocate) {
   unsigned size = NextPktSizeLocked();
   if (size == 0) {
     if (!blocking_) {
+      lock_.Signal("FragQueue::Read");
+      return 0;
+    }
+    if (wakePending_) {
+      // A WakeReader that came before this reader got to wait.
+      wakePending_ = 0;
       lock_.Signal("FragQueue::Read");
       return 0;
     }
@@ -180,11 +253,11 @@ int FragQueue::Read(char **buf, unsigned *cap, int mayAllocate) {
     }
     if (room >= size) {
       result = 1;
-      std::uint32_t const seq = Le32(storage_ + 4);
+      std::uint32_t const seq = FrontWord(4);
       if (filter_ != 0 && lastSeq_ != 0 && seq > lastSeq_ + 1)
         lost_ += seq - lastSeq_ - 1;
       lastSeq_ = seq;
-      std::memcpy(*buf, storage_, size);
+      CopyOut(0, *buf, size);
       *cap = size;
     }
   }
@@ -195,7 +268,7 @@ int FragQueue::Read(char **buf, unsigned *cap, int mayAllocate) {
 
 void FragQueue::Reset() {
   shared::SemGuard guard(lock_);
-  used_ = 0;
+  head_ = used_ = 0;
 }
 
 void FragQueue::SetFilter(std::uint32_t streamId) {
@@ -210,10 +283,15 @@ void FragQueue::WakeReader() {
   if (readerWaiting_) {
     readerWaiting_ = 0;
     dataSignal_.Signal("FragQueue::WakeReader");
+  } else {
+    wakePending_ = 1;  // kept for a reader that has not reached its wait yet
   }
 }
 
 void FragQueue::Close() {
+  // Held for the whole close, so that a second caller returns only once the
+  // first is done: it may destroy the queue right after.
+  shared::SemGuard closing(closeLock_, "FragQueue::Close");
   if (closing_.exchange(1) != 0)
     return;
   WakeReader();
@@ -223,7 +301,7 @@ void FragQueue::Close() {
   shared::SemGuard guard(lock_);
   std::free(storage_);
   storage_ = nullptr;
-  used_ = 0;
+  head_ = used_ = 0;
   size_ = 0;
 }
 
@@ -291,7 +369,7 @@ int MediaFrag::SaveData(void const *pkt, unsigned len) {
     // The whole packet, long form included: sizing a long packet by its low
     // 16 length bits would cut its last two bytes and leave the long-framed
     // queue misaligned for every packet after it.
-    if (!queue_->Write(p, pktLen)) {
+    if (queue_->Write(p, pktLen) != 1) {
       queue_->Reset();
       return 0;
     }
@@ -356,7 +434,7 @@ int MediaFrag::SaveData(void const *pkt, unsigned len) {
     std::memcpy(frag + fragHeader, p + offset, piece);
     offset += piece;
     PutLe16(frag + 8, piece + fragHeader - kShortHdrLen);
-    if (!queue_->Write(frag, fragHeader + piece)) {
+    if (queue_->Write(frag, fragHeader + piece) != 1) {
       queue_->Reset();
       return 0;
     }

@@ -46,8 +46,15 @@
 #include <cstdint>
 #include <memory>
 
-// A byte queue of whole media packets (or fragments), kept compacted: the
-// oldest packet always starts at byte 0 of the storage.
+// A byte queue of whole media packets (or fragments) in a ring:
+//
+//   storage_: [ ...packet | free | packet packet ... ]
+//                         ^ tail   ^head_         ^size_ (wraps to 0)
+//
+// A read copies the front packet out (in two pieces when it wraps) and moves
+// head_ on; a write copies in behind the bytes held; nothing held is ever
+// moved. A growable queue that is full doubles. So a write plus a read costs
+// the same with a few bytes or megabytes held.
 class SHAREDLIB_API FragQueue {
 public:
   // size: bytes of storage, allocated zero-filled now. longHeader: packets
@@ -63,11 +70,20 @@ public:
   // 1 while the storage exists (allocated and not closed).
   int IsOk();
 
+  static constexpr int kTooLarge = -1;
+  static constexpr unsigned kDefaultMaxPacket = 16u << 20;
+
   // Appends len bytes. When they do not fit (and the queue cannot grow),
   // everything held is dropped, not just the new bytes, and 0 is returned:
-  // the receiver then sees a gap in the sequence numbers. Wakes a waiting
+  // the receiver then sees a gap in the sequence numbers. When the packet at
+  // the front claims more than the largest packet size, everything held is
+  // dropped too and kTooLarge is returned (raw bytes with a huge length would
+  // otherwise make a growable queue grow without bound). Wakes a waiting
   // reader once a whole packet is at the front. Any thread.
   int Write(void const *data, unsigned len);
+  // The largest packet (header included) a queue accepts; 0 restores the
+  // default, kDefaultMaxPacket.
+  void SetMaxPacketSize(unsigned bytes);
 
   // Takes the next whole packet. On success copies it to *buf, sets *cap to
   // its size and returns 1. With buf null, *cap receives the size of the
@@ -88,7 +104,8 @@ public:
   void SetFilter(std::uint32_t streamId);
   // Size of the whole packet at the front, 0 when there is none yet.
   unsigned NextPktSize();
-  // Ends the wait of a blocked reader (it returns 0).
+  // Ends the wait of a blocked reader (it returns 0). With no reader waiting,
+  // the next read that would wait returns 0 instead.
   void WakeReader();
   // One-way: every operation fails from now on. Releases a blocked reader,
   // waits until a read in progress has left, then frees the storage.
@@ -101,6 +118,13 @@ public:
 private:
   unsigned NextPktSizeLocked();
   void DropFront(unsigned n);
+  // The helpers below run with lock_ held.
+  void Grow(std::uint64_t needed);
+  unsigned Wrap(std::uint64_t offset) const;  // an offset below 2 * size_ into the ring
+  void CopyOut(unsigned at, void *dst, unsigned n) const;  // n bytes from at bytes past the front
+  bool FrontTooLarge() const;
+  std::uint64_t FrontPacketSize() const;  // needs a whole header held
+  std::uint32_t FrontWord(unsigned at) const;
   unsigned HeaderSize() const { return longHeader_ ? 14u : 12u; }
 
   std::atomic<int> closing_;
@@ -108,8 +132,11 @@ private:
   int const growable_;
   int const longHeader_;
   int readerWaiting_;          // guarded by lock_
+  int wakePending_;            // guarded by lock_: a WakeReader found no reader waiting
   unsigned char *storage_;     // guarded by lock_; malloc'd
+  unsigned head_;              // guarded by lock_: ring offset of the first byte held
   unsigned used_;              // guarded by lock_
+  unsigned maxPacket_;         // guarded by lock_
   unsigned size_;              // guarded by lock_
   std::uint32_t filter_;       // guarded by lock_
   std::uint32_t lost_;         // guarded by lock_
@@ -121,6 +148,7 @@ private:
   _SEMAPHORE lock_;
   _SEMAPHORE dataSignal_;      // kind 1, max 1, starts taken
   _SEMAPHORE readerLock_;
+  _SEMAPHORE closeLock_;       // kind 3: held across Close; taken before the others
 };
 
 class SHAREDLIB_API MediaFrag {

@@ -12,8 +12,11 @@
 // so that the two operations a stream of packets does all the time move
 // nothing: appending above the highest id (the tail run) and removing the
 // lowest entry (head_ advances). Other inserts and removals shift the shorter
-// side. The array grows by a fixed step when both free runs are used up;
-// growth is the only allocation. Look-up is a binary search.
+// side. When the tail run is used up, the entries move back to the front if
+// that frees at least half as many places as there are entries, otherwise
+// the array doubles (at least the growth step): appends and front removals
+// cost the same however many entries are held. Growth is the only
+// allocation. Look-up is a binary search.
 //
 // No lock: the owner serialises access. Pointers and references to entries
 // are valid until the next insert or erase.
@@ -66,6 +69,7 @@ public:
       return false;
     std::copy(other.begin(), other.end(), storage_);
     count_ = other.count_;
+    base_ = other.base_;
     return true;
   }
 
@@ -83,19 +87,27 @@ public:
 
   // Position of the first entry with an id not below id (Count() when none).
   unsigned LowerBound(unsigned id) const {
-    if (count_ == 0 || Id(At(count_ - 1)) < id)
+    unsigned const key = Key(id);
+    if (count_ == 0 || Key(At(count_ - 1)) < key)
       return count_;
     return static_cast<unsigned>(
-        std::lower_bound(begin(), end(), id, [](T const &e, unsigned k) { return Id(e) < k; }) - begin());
+        std::lower_bound(begin(), end(), key, [this](T const &e, unsigned k) { return Key(e) < k; }) - begin());
   }
 
   // Position of the first entry with an id above id (Count() when none).
   unsigned UpperBound(unsigned id) const {
-    if (count_ == 0 || Id(At(count_ - 1)) <= id)
+    unsigned const key = Key(id);
+    if (count_ == 0 || Key(At(count_ - 1)) <= key)
       return count_;
     return static_cast<unsigned>(
-        std::upper_bound(begin(), end(), id, [](unsigned k, T const &e) { return k < Id(e); }) - begin());
+        std::upper_bound(begin(), end(), key, [this](unsigned k, T const &e) { return k < Key(e); }) - begin());
   }
+
+  // Ids are ordered as unsigned distances above base (0: plain unsigned
+  // order). Moving the base keeps the order of the entries held as long as
+  // none lies in the range it moves across; the packet tables slide it
+  // behind their newest id so that ids order across the 32-bit wrap.
+  void SetKeyBase(unsigned base) { base_ = base; }
 
   // Position of the (first) entry with this id, kNotFound when none.
   unsigned Find(unsigned id) const {
@@ -131,6 +143,9 @@ public:
 
 private:
   static unsigned Id(T const &e) { return e.GetId(); }
+  // Ids are ordered by their distance above the key base, modulo 2^32.
+  unsigned Key(unsigned id) const { return id - base_; }
+  unsigned Key(T const &e) const { return Id(e) - base_; }
 
   bool InsertAt(unsigned pos, T const &entry) {
     if (!storage_ && !Create(growth_))
@@ -144,7 +159,10 @@ private:
       return true;
     }
     if (head_ + count_ == capacity_) {
-      if (head_ > 0) {
+      // Compacting costs count_ moves; it is done only when it frees at
+      // least half that many places at the tail, so its cost spread over the
+      // appends it makes room for stays constant. Otherwise grow geometrically.
+      if (head_ > 0 && head_ >= count_ / 2) {
         std::copy(begin(), end(), storage_);
         head_ = 0;
       } else if (!Grow()) {
@@ -160,7 +178,12 @@ private:
   bool Grow() {
     if (capacity_ > 0xFFFFFFFFu - growth_)
       return false;
-    unsigned capacity = capacity_ + growth_;
+    // Doubling (at least one growth step): reaching n entries copies O(n)
+    // entries in all, and a full array with a few free places at the front
+    // does not move everything on every append.
+    unsigned capacity = capacity_ + std::max(growth_, capacity_);
+    if (capacity < capacity_)
+      capacity = 0xFFFFFFFFu;
     T *bigger = new (std::nothrow) T[capacity];
     if (!bigger)
       return false;
@@ -176,6 +199,7 @@ private:
   unsigned capacity_ = 0;
   unsigned head_ = 0;   // free entries before the first one
   unsigned count_ = 0;
+  unsigned base_ = 0;
   unsigned const growth_;
 };
 

@@ -8,6 +8,14 @@ namespace {
 
 constexpr unsigned long kForever = static_cast<unsigned long>(-1);
 
+// The controller whose read thread this is, cleared when Stop (or the
+// destructor) lets the thread go from inside a callback: the thread then
+// leaves without touching the controller again.
+thread_local XJitterCtrl *t_readThreadOf = nullptr;
+// Set while the read thread raises OnJitterThreadEnd, so that a Stop from
+// inside it does not raise it a second time.
+thread_local bool t_inThreadEnd = false;
+
 }  // namespace
 
 XJitterCtrl::XJitterCtrl()
@@ -123,24 +131,35 @@ void XJitterCtrl::Stop() {
   if (events != nullptr)
     events->OnJitterStop();
 
+  // On the read thread (Stop or the destructor from one of its callbacks)
+  // the thread cannot be joined: it is let go, and leaves as soon as the
+  // callback returns, so the controller may even be destroyed meanwhile.
+  bool const onReadThread = t_readThreadOf == this;
   lock_.Wait(1, "XJitterCtrl::Stop");
   started_ = 0;
   if (thread_ != nullptr) {
     IThread *const thread = thread_;
-    if (threadRunning_) {
+    if (onReadThread) {
+      t_readThreadOf = nullptr;
+      threadRunning_ = 0;
+      fullNotified_ = 0;  // what the thread's closing Flush(1) would have done
+    } else if (threadRunning_) {
       // The read thread ends with Flush, which takes the lock: wait without it.
       lock_.Signal("XJitterCtrl::Stop");
       thread->WaitForMe(IThread::kInfinite);
       lock_.Wait(1, "XJitterCtrl::Stop");
       threadRunning_ = 0;
     }
-    // A thread never resumed is released here without running its body.
+    // A thread never resumed is released here without running its body; a
+    // running one let go above is detached.
     delete thread;
     thread_ = nullptr;
   }
   delete jb_;
   jb_ = nullptr;
   lock_.Signal("XJitterCtrl::Stop");
+  if (onReadThread && !t_inThreadEnd && events != nullptr)
+    events->OnJitterThreadEnd();  // the let-go thread's last notice
 }
 
 int XJitterCtrl::_DoReadThread(IThread *thread, void *self) {
@@ -150,9 +169,14 @@ int XJitterCtrl::_DoReadThread(IThread *thread, void *self) {
 }
 
 int XJitterCtrl::ReadThreadFunc() {
+  t_readThreadOf = this;
   // events_ cannot change while this thread exists (Initialize refuses).
+  IJitterBufferEvents *const events = events_;
   while (started_) {
-    if (!events_->OnJitterRead())
+    int const more = events->OnJitterRead();
+    if (t_readThreadOf != this)
+      return 0;  // stopped from inside the callback: let go
+    if (!more)
       break;
   }
   if (started_ && !stopped_) {
@@ -163,7 +187,12 @@ int XJitterCtrl::ReadThreadFunc() {
   } else {
     Flush(1);
   }
-  events_->OnJitterThreadEnd();
+  // The last touch of the controller: it may be stopped or destroyed from
+  // inside this callback.
+  t_inThreadEnd = true;
+  events->OnJitterThreadEnd();
+  t_inThreadEnd = false;
+  t_readThreadOf = nullptr;
   return 0;
 }
 
@@ -177,26 +206,38 @@ void XJitterCtrl::MarkEmptyLocked() {
 int XJitterCtrl::Insert(unsigned seq, char const *data, unsigned len) {
   if (stopped_)
     return 0;
-  shared::SemGuard guard(lock_, "XJitterCtrl::Insert");
-  if (stopped_ || jb_ == nullptr)
-    return 0;
-  int const result = jb_->IsOk() ? jb_->insert(seq, data, len) : 0;
-  // Runs whatever the insert's result.
-  if (filling_ && jb_->GetnBytesLeft() >= fillTarget_) {
-    filling_ = 0;
-    fillTarget_ = 0;
-    fillSignal_.Signal("XJitterCtrl::Insert");
+  IJitterBufferEvents *notifyFull = nullptr;
+  int result = 0;
+  {
+    shared::SemGuard guard(lock_, "XJitterCtrl::Insert");
+    if (stopped_ || jb_ == nullptr)
+      return 0;
+    result = jb_->IsOk() ? jb_->insert(seq, data, len) : 0;
+    // Runs whatever the insert's result. Compared with the bytes really
+    // held: the bytes-left counter drifts (a replaced duplicate deducts its
+    // sequence number) and could meet a target early or never.
+    if (filling_ && jb_->GetnBytesHeld() >= fillTarget_) {
+      filling_ = 0;
+      fillTarget_ = 0;
+      fillSignal_.Signal("XJitterCtrl::Insert");
+    }
+    if (result && empty_) {
+      empty_ = 0;
+      // Available whenever empty_ is set; at most the read thread holds it for
+      // an instant while checking for a drained buffer.
+      emptySignal_.Wait(1, "XJitterCtrl::Insert");
+    }
+    if (jb_->GetPercFull() >= 100 && !fullNotified_) {
+      fullNotified_ = 1;
+      notifyFull = events_;
+    }
   }
-  if (result && empty_) {
-    empty_ = 0;
-    // Available whenever empty_ is set; at most the read thread holds it for
-    // an instant while checking for a drained buffer.
-    emptySignal_.Wait(1, "XJitterCtrl::Insert");
-  }
-  if (jb_->GetPercFull() >= 100 && !fullNotified_) {
-    fullNotified_ = 1;
-    events_->OnJitterBufFull();
-  }
+  // Raised with no lock held: a client that empties the buffer from here
+  // (GetPacket takes the reader lock, then the main lock) would otherwise
+  // invert the lock order against a reader. Nothing touches the controller
+  // after it, so the callback may stop or destroy it.
+  if (notifyFull != nullptr)
+    notifyFull->OnJitterBufFull();
   return result;
 }
 
@@ -211,13 +252,14 @@ unsigned XJitterCtrl::GetPacket(char *buf, unsigned len, unsigned *outLen, int w
     // paused is checked here too: a Lock that came after the check at the
     // top must not leave this reader parked until the next insert.
     if (!stopped_ && !paused_ && jb_ != nullptr) {
-      unsigned const held = jb_->GetnBytesLeft();
+      // What is really held: the bytes-left counter can sit below zero for
+      // good after a replaced duplicate, and "any byte" would never wait.
       if (waitForLen) {
-        if (len > held) {
+        if (len > jb_->GetnBytesHeld()) {
           fillTarget_ = len;
           waitToFill = true;
         }
-      } else if (held == 0) {
+      } else if (jb_->GetnPacketsLeft() == 0) {
         fillTarget_ = 1;
         waitToFill = true;
       }

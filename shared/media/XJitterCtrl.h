@@ -45,9 +45,9 @@ public:
   virtual int OnJitterStart() = 0;
   // From the read thread, over and over while started: 0 ends the loop.
   virtual int OnJitterRead() = 0;
-  // From Insert, main lock held, when the buffer reaches 100 percent and this
-  // was not yet raised (see ResetBufFull). Must not call the controller from
-  // another thread and wait for it.
+  // From Insert, after the main lock was released, when the buffer reaches
+  // 100 percent and this was not yet raised (see ResetBufFull). May take
+  // packets out (GetPacket), Stop or destroy the controller.
   virtual void OnJitterBufFull() = 0;
   // From GetPacket and Remove when no packet is left, after the main lock
   // was released (GetPacket still holds the reader lock).
@@ -57,6 +57,14 @@ public:
   virtual void OnJitterStop() = 0;
   // From the read thread, as its last action.
   virtual void OnJitterThreadEnd() = 0;
+  //
+  // Stop may be called from any of these. On the read thread (OnJitterRead,
+  // OnJitterThreadEnd, or a GetPacket's OnJitterBufEmpty inside
+  // OnJitterRead) it does not join: the thread is let go and leaves once the
+  // callback returns, raising OnJitterThreadEnd from Stop if not already in
+  // it, and the controller may be destroyed there too. Destroying it from
+  // OnJitterBufEmpty is not allowed (GetPacket still releases the reader
+  // lock after it).
 };
 
 class SHAREDLIB_API XJitterCtrl {
@@ -81,7 +89,9 @@ public:
   int Resume();
   // Releases a waiting reader, raises OnJitterStop, waits for the read
   // thread without time limit (a never-resumed thread is released without
-  // running), then destroys the buffer. Nothing when not started.
+  // running), then destroys the buffer. Nothing when not started. Called on
+  // the read thread itself (from a callback) it lets the thread go instead
+  // of waiting for it (see IJitterBufferEvents).
   void Stop();
 
   // 1 when stored (see JitterBuffer::insert); 0 when stopped.
@@ -89,7 +99,7 @@ public:
   // Reads at most len bytes from the front of the lowest packet into buf
   // (a larger packet comes out in pieces, each with the same number).
   // wait: first wait until bytes are held: len bytes with waitForLen, any
-  // byte without. Returns the sequence number read from, 0 when nothing was
+  // byte without (counting what is really held). Returns the sequence number read from, 0 when nothing was
   // read (not started, stopped, paused, another reader filling, or woken by
   // Lock/Stop). *outLen receives the count when a packet was read.
   unsigned GetPacket(char *buf, unsigned len, unsigned *outLen, int wait, int waitForLen);

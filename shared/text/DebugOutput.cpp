@@ -5,6 +5,7 @@
 #include "text/TextRoutines.h"
 
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -99,10 +100,18 @@ char *GetFormatDate(__int64 t, char *out, unsigned size, char const *fmt) {
 char *GetSysTime(char *out, unsigned size, char const *fmt) { return GetFormatDate(0, out, size, fmt); }
 
 char *GetUptime(__int64 start, char *out, unsigned size, int msecs) {
-  __int64 const now = msecs ? static_cast<__int64>(shared::platform::TickCount()) : shared::platform::NowSeconds();
-  __int64 elapsed = now - start;
-  if (elapsed < 0)
-    elapsed = 0;
+  __int64 elapsed = 0;
+  if (msecs) {
+    // The tick count wraps every 49.7 days: subtract modulo 2^32 so a start
+    // just before the wrap still reads as the few milliseconds it is. A
+    // difference of 2^31 or more is taken as a start in the future.
+    std::uint32_t const diff = shared::platform::TickCount() - static_cast<std::uint32_t>(start);
+    elapsed = diff < 0x80000000u ? static_cast<__int64>(diff) : 0;
+  } else {
+    elapsed = shared::platform::NowSeconds() - start;
+    if (elapsed < 0)
+      elapsed = 0;
+  }
   bool const none = (elapsed == 0);
   __int64 ms = 0;
   if (msecs) {

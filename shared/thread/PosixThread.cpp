@@ -104,12 +104,12 @@ PosixThread::PosixThread(IThreadFunc fn, void *arg, char const *name)
 
   char text[64];
   _snprintf(text, sizeof text, "%lx(%lu) %s", threadId_, threadId_, name_);
-  ThreadRegistryAdd(text, threadId_);
+  registryToken_ = ThreadRegistryAdd(text, threadId_);
 }
 
 PosixThread::~PosixThread() {
-  if (threadId_ != 0)
-    ThreadRegistryRemove(threadId_);
+  if (registryToken_ != 0)
+    ThreadRegistryRemove(registryToken_);
   if (!control_)
     return;
   bool neverRan = false;

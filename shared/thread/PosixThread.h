@@ -23,9 +23,12 @@ namespace shared::detail {
 
 // The registry's side used by the thread handles (ThreadRegistry.cpp).
 // Adds text under id (a blank text reads "Undefined"); nothing for id 0.
-void ThreadRegistryAdd(char const *text, unsigned long id);
-// Removes the first entry with id.
-void ThreadRegistryRemove(unsigned long id);
+// Returns the entry's token (0 when nothing was added).
+SHAREDLIB_API unsigned long ThreadRegistryAdd(char const *text, unsigned long id);
+// Removes the entry with this token. Entries go by token, not by thread id:
+// the kernel reuses ids, and an ended thread whose handle is still alive can
+// share its id with a newer thread.
+SHAREDLIB_API void ThreadRegistryRemove(unsigned long token);
 
 struct ThreadControl;
 
@@ -53,6 +56,7 @@ private:
   std::shared_ptr<ThreadControl> control_;  // null when no thread was made
   platform::NativeThread native_;
   unsigned long threadId_;
+  unsigned long registryToken_ = 0;
   char name_[64];
   std::mutex joinMutex_;
   bool released_;  // guarded by joinMutex_: joined or detached

@@ -7,8 +7,8 @@
 // Pairs are kept in the order of compare() (keys compared as unsigned
 // values; pointer keys by address, full width on 64-bit systems). Equal keys
 // are kept in insertion order: a new pair goes after the ones equal to it.
-// The array starts with the capacity given (100 by default) and grows by
-// exactly 100 pairs when full; unused pairs are zero. A cursor (1-based,
+// The array starts with the capacity given (100 by default) and doubles (by
+// at least 100 pairs) when full; unused pairs are zero. A cursor (1-based,
 // initially 1) walks the pairs with get_next and keeps naming the same pair
 // across inserts and erases before it.
 //
@@ -188,14 +188,17 @@ private:
       return value;  // other key types bring their own ordering (or a compare override)
   }
 
+  // Doubles (by at least kGrowth pairs): a fixed step would copy the array
+  // n / 100 times on the way to n pairs, quadratic in all.
   bool Grow() {
     if (capacity_ > MaxCapacity() - kGrowth)
       return false;
-    unsigned const bigger = capacity_ + kGrowth;
+    unsigned const step = capacity_ > kGrowth ? capacity_ : kGrowth;
+    unsigned const bigger = capacity_ > MaxCapacity() - step ? MaxCapacity() : capacity_ + step;
     auto *grown = static_cast<Pair *>(std::realloc(static_cast<void *>(items_), bigger * sizeof(Pair)));
     if (!grown)
       return false;
-    std::memset(static_cast<void *>(grown + capacity_), 0, kGrowth * sizeof(Pair));
+    std::memset(static_cast<void *>(grown + capacity_), 0, (bigger - capacity_) * sizeof(Pair));
     items_ = grown;
     capacity_ = bigger;
     return true;

@@ -57,6 +57,16 @@ StmtQueue::StmtQueue(int threadResult, char const *name)
 
 StmtQueue::~StmtQueue() {
   Abort();
+  if (t_currentQueue == this) {
+    // Destroyed from inside ExecStmt: the thread cannot be joined from
+    // itself. Its handle is let go (the OS thread is detached) and the
+    // cleared marker tells it, once ExecStmt returns, to leave without
+    // touching the queue again. Items behind the one running can no longer
+    // be executed (the derived ExecStmt is gone) and are deleted below.
+    t_currentQueue = nullptr;
+    delete thread_;
+    thread_ = nullptr;
+  }
   // Nothing is left in the normal course: Add refuses while stopped.
   for (XObj *item : items_)
     delete item;
@@ -112,16 +122,27 @@ unsigned StmtQueue::GetnItems() {
 void StmtQueue::Abort() {
   if (!ok_)
     return;
-  {
+  if (t_currentQueue == this) {
+    // From ExecStmt: only stop. The thread finishes the drain by itself and
+    // is joined by the next Abort, Start or the destructor.
     shared::SemGuard guard(lock_, "StmtQueue::Abort");
-    if (!stopped_) {
-      stopped_ = 1;
-      itemsSignal_.Signal("StmtQueue::Abort");  // wakes a waiting thread
-    }
+    StopLocked();
+    return;
   }
-  if (t_currentQueue == this)
-    return;  // from ExecStmt: the thread finishes the drain by itself
-  JoinThread();
+  // Held until the clean-up is done, and taken by Start for its whole run:
+  // a Start can neither slip a new thread in between the stop and the join
+  // (which would then wait on a live worker) nor have the clean-up below
+  // delete items that its thread accepted.
+  shared::SemGuard join(joinLock_, "StmtQueue::Abort");
+  IThread *thread = nullptr;
+  {
+    // The thread to join is taken in the same step that stops the queue.
+    shared::SemGuard guard(lock_, "StmtQueue::Abort");
+    StopLocked();
+    thread = thread_;
+    thread_ = nullptr;
+  }
+  JoinAndDelete(thread);
   // Anything still listed was added behind the drain's back: not executed.
   shared::SemGuard guard(lock_, "StmtQueue::Abort");
   for (XObj *item : items_)
@@ -129,17 +150,14 @@ void StmtQueue::Abort() {
   items_.clear();
 }
 
-void StmtQueue::JoinThread() {
-  // A second Abort (or a Start) while the first one waits for the drain must
-  // wait too: returning at once, it would delete the items still queued
-  // unexecuted, and its caller could destroy the queue under the thread.
-  shared::SemGuard join(joinLock_, "StmtQueue::JoinThread");
-  IThread *thread = nullptr;
-  {
-    shared::SemGuard guard(lock_, "StmtQueue::JoinThread");
-    thread = thread_;
-    thread_ = nullptr;
+void StmtQueue::StopLocked() {
+  if (!stopped_) {
+    stopped_ = 1;
+    itemsSignal_.Signal("StmtQueue::Abort");  // wakes a waiting thread
   }
+}
+
+void StmtQueue::JoinAndDelete(IThread *thread) {
   if (thread) {
     thread->WaitForMe(IThread::kInfinite);
     delete thread;
@@ -149,16 +167,18 @@ void StmtQueue::JoinThread() {
 int StmtQueue::Start() {
   if (!ok_ || t_currentQueue == this)
     return 0;
+  shared::SemGuard join(joinLock_, "StmtQueue::Start");
+  IThread *previous = nullptr;
   {
     shared::SemGuard guard(lock_, "StmtQueue::Start");
     if (!stopped_)
       return 1;
+    // A thread stopped from inside ExecStmt may still need joining.
+    previous = thread_;
+    thread_ = nullptr;
   }
-  // A thread stopped from inside ExecStmt may still need joining.
-  JoinThread();
+  JoinAndDelete(previous);
   shared::SemGuard guard(lock_, "StmtQueue::Start");
-  if (!stopped_)
-    return 1;  // another Start came first
   stopped_ = 0;
   if (!StartExecStmtThread()) {
     stopped_ = 1;
@@ -196,7 +216,7 @@ int StmtQueue::DoExecStmt(IThread *thread, void *arg) {
   for (;;) {
     if (!stopped)
       queue->itemsSignal_.Wait(1, "StmtQueue::DoExecStmt");
-    shared::SemGuard guard(queue->lock_, "StmtQueue::DoExecStmt");
+    queue->lock_.Wait(1, "StmtQueue::DoExecStmt");
     if (queue->finished_)
       break;
     // Drain everything queued; the lock is let go around each item.
@@ -211,6 +231,8 @@ int StmtQueue::DoExecStmt(IThread *thread, void *arg) {
         _DebugNotifyOnly(0, "StmtQueue", "ExecStmt of queue '%s' threw: %s", queue->name_, e.what());
       }
       delete item;
+      if (t_currentQueue != queue)
+        return result;  // ExecStmt destroyed the queue
       queue->lock_.Wait(1, "StmtQueue::DoExecStmt");
     }
     stopped = queue->stopped_;
@@ -218,7 +240,9 @@ int StmtQueue::DoExecStmt(IThread *thread, void *arg) {
       queue->finished_ = 1;
       break;
     }
+    queue->lock_.Signal("StmtQueue::DoExecStmt");
   }
+  queue->lock_.Signal("StmtQueue::DoExecStmt");
   t_currentQueue = nullptr;
   return result;
 }

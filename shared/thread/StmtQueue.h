@@ -18,6 +18,9 @@
 // too, but by then the derived ExecStmt is gone. Abort() called from inside
 // ExecStmt only stops the queue (the thread cannot wait for itself); the
 // thread is joined by the next Abort(), Start() or the destructor.
+// The queue may also be destroyed from inside ExecStmt: its thread is then
+// let go and leaves as soon as ExecStmt returns; items queued behind the
+// running one are deleted unexecuted.
 #pragma once
 
 #include "platform/Export.h"
@@ -79,9 +82,8 @@ public:
 private:
   static int DoExecStmt(IThread *thread, void *queue);
   int StartExecStmtThread();  // caller holds lock_
-  // Takes the thread out and joins it (not on it). Callers that come while
-  // another one is joining wait for that join to end.
-  void JoinThread();
+  void StopLocked();  // caller holds lock_
+  static void JoinAndDelete(IThread *thread);
 
   int ok_;
   int stopped_;    // guarded by lock_
@@ -90,7 +92,7 @@ private:
   char name_[64];
   _SEMAPHORE lock_;         // kind 3: guards the list, the flags and thread_
   _SEMAPHORE itemsSignal_;  // kind 1: one count per item added (and per Abort)
-  _SEMAPHORE joinLock_;     // kind 3: held across a join; taken before lock_, never by the thread
+  _SEMAPHORE joinLock_;     // kind 3: held by Abort and Start for their whole run; before lock_, never by the thread
   IThread *thread_;         // guarded by lock_
   std::list<XObj *> items_; // guarded by lock_: oldest first, owned
 };

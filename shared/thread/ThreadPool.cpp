@@ -16,6 +16,9 @@ constexpr unsigned long kForever = static_cast<unsigned long>(-1);
 // The job whose body runs on this thread, so that a job stopping itself is
 // recognised (joining its own thread would never return).
 thread_local IThreadObj *t_currentJob = nullptr;
+// Set when the pool was destroyed from inside this thread's job: nobody is
+// left to reap the job, so its own thread deletes it once the body returns.
+thread_local bool t_jobOrphaned = false;
 
 }  // namespace
 
@@ -87,8 +90,19 @@ ThreadPool::~ThreadPool() {
   for (auto const &entry : jobs)
     if (entry.first)
       entry.first->EndThread();
-  for (auto const &entry : jobs)
+  for (auto const &entry : jobs) {
+    if (entry.first != nullptr && entry.first == t_currentJob) {
+      // Destroyed from inside this job's body: its thread cannot be joined
+      // from itself. The handle is let go (the OS thread detached) and the
+      // thread deletes the job once the body returns.
+      entry.first->SetIThread(nullptr);
+      entry.first->SetThreadPool(nullptr);
+      delete entry.second;
+      t_jobOrphaned = true;
+      continue;
+    }
     kill_elem(entry.first, entry.second);
+  }
 
   delete reapLock_;
   delete endSignal_;
@@ -240,6 +254,11 @@ int ThreadPool::DoThreadMain(IThread *thread, void *arg) {
   t_currentJob = job;
   int const result = job->ThreadFunc();
   t_currentJob = nullptr;
+  if (t_jobOrphaned) {
+    t_jobOrphaned = false;
+    delete job;  // its pool is gone
+    return result;
+  }
   // The job stays alive until its thread has been joined, which needs this
   // call to have returned.
   if (ThreadPool *pool = job->GetThreadPool())

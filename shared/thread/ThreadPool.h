@@ -23,6 +23,8 @@
 //
 // Destruction asks every running job to end and waits for each, without
 // limit: a job that never looks at DoExit() keeps the destructor waiting.
+// A job may destroy its own pool: its thread is then not joined (it cannot
+// join itself) but let go, and deletes the job when the body returns.
 //
 // The table's own members (insert, erase, kill, ...) are inherited for
 // reading and for the pool itself; callers go through StartThread and

@@ -19,7 +19,7 @@ struct Node {
   Node *prev;
   Node *next;
   unsigned long id;
-  unsigned long spare;
+  unsigned long token;  // unique per entry: what removal goes by
 };
 
 // Built while the library loads, on the loading thread (hence "Main
@@ -50,19 +50,20 @@ public:
 
   bool Ready() const { return ready_.load(std::memory_order_acquire); }
 
-  void Add(char const *text, unsigned long id) {
+  unsigned long Add(char const *text, unsigned long id) {
     if (id == 0 || !Ready())
-      return;
+      return 0;
     auto *node = new (std::nothrow) Node{};
     if (!node)
-      return;
+      return 0;
     node->text = new (std::nothrow) XStrDyn(comp_branco(text) ? "Undefined" : text);
     if (!node->text) {
       delete node;
-      return;
+      return 0;
     }
     node->id = id;
     shared::SemGuard guard(lock_);
+    node->token = ++lastToken_;
     node->prev = tail_;
     if (tail_)
       tail_->next = node;
@@ -70,14 +71,15 @@ public:
       head_ = node;
     tail_ = node;
     ++count_;
+    return node->token;
   }
 
-  void Remove(unsigned long id) {
-    if (!Ready())
+  void Remove(unsigned long token) {
+    if (token == 0 || !Ready())
       return;
     shared::SemGuard guard(lock_);
     for (Node *n = head_; n; n = n->next) {
-      if (n->id == id) {
+      if (n->token == token) {
         Unlink(n);
         return;
       }
@@ -136,6 +138,7 @@ private:
   Node *cursor_ = nullptr;  // guarded by lock_: the listing walk
   bool beforeHead_ = false; // guarded by lock_: the walk's entry was the removed head
   unsigned long count_ = 0; // guarded by lock_: entries ever added
+  unsigned long lastToken_ = 0;  // guarded by lock_: the last entry token handed out
 };
 
 // A namespace-scope object, so that it is built while the library loads, on
@@ -160,8 +163,8 @@ void ThreadMgr_DisplayThreads(void) {
 
 namespace shared::detail {
 
-void ThreadRegistryAdd(char const *text, unsigned long id) { g_registry.Add(text, id); }
+unsigned long ThreadRegistryAdd(char const *text, unsigned long id) { return g_registry.Add(text, id); }
 
-void ThreadRegistryRemove(unsigned long id) { g_registry.Remove(id); }
+void ThreadRegistryRemove(unsigned long token) { g_registry.Remove(token); }
 
 }  // namespace shared::detail

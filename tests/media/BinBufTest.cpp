@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,7 +25,7 @@ void LetItBlock(std::atomic<bool> const &started) {
     std::this_thread::yield();
 }
 
-TEST(BinBufReg, FixedRegistersRefuseWholeWritesAndGrowingOnesGrowExactly) {
+TEST(BinBufReg, FixedRegistersRefuseWholeWritesAndGrowingOnesDouble) {
   BinBuf_reg fixed(10, 0, 0, 0);
   ASSERT_TRUE(fixed.IsOk());
   EXPECT_EQ(1, Save(fixed, "abcdef"));
@@ -32,13 +33,20 @@ TEST(BinBufReg, FixedRegistersRefuseWholeWritesAndGrowingOnesGrowExactly) {
   EXPECT_EQ(6u, fixed.GetBytesUsed());
   EXPECT_EQ(4u, fixed.GetBytesLeft());
   EXPECT_EQ("abcdef", std::string(static_cast<char *>(fixed.GetBufPtr()), 6));
+  // Bytes read leave room that a later write gets, the rest moved forward.
+  char out[16];
+  unsigned len = 4;
+  ASSERT_EQ(1, fixed.GetData(out, &len));
+  EXPECT_EQ("ef", std::string(static_cast<char *>(fixed.GetBufPtr()), 2));
+  EXPECT_EQ(8u, fixed.GetBytesLeft());
+  EXPECT_EQ(1, Save(fixed, "ghijklmn"));
+  EXPECT_EQ("efghijklmn", std::string(static_cast<char *>(fixed.GetBufPtr()), 10));
 
   BinBuf_reg growing(10, 1, 0, 0);
   EXPECT_EQ(1, Save(growing, "abcdef"));
   EXPECT_EQ(1, Save(growing, "ghijkl"));
-  EXPECT_EQ(0u, growing.GetBytesLeft());  // exactly 12 now
-  char out[16];
-  unsigned len = 4;
+  EXPECT_EQ(8u, growing.GetBytesLeft());  // doubled to 20
+  len = 4;
   EXPECT_EQ(1, growing.GetData(out, &len));
   EXPECT_EQ("abcd", std::string(out, len));
   len = 16;
@@ -51,6 +59,36 @@ TEST(BinBufReg, FixedRegistersRefuseWholeWritesAndGrowingOnesGrowExactly) {
   EXPECT_EQ(0, Save(growing, ""));
 
   EXPECT_FALSE(BinBuf_reg(0, 1, 1, 1).IsOk());
+}
+
+TEST(BinBufReg, InterleavedWritesAndReadsKeepTheByteOrder) {
+  for (int growable : {0, 1}) {
+    BinBuf_reg reg(growable ? 16 : 3000, growable, 0, 0);
+    std::string model;  // what the register should hold
+    std::mt19937 rng(growable + 11);
+    char next = 0;
+    std::vector<char> out(2000);
+    for (int step = 0; step < 5000; ++step) {
+      if (rng() % 2 == 0) {
+        std::string bytes(rng() % 700 + 1, '\0');
+        for (char &c : bytes)
+          c = next++;
+        int const fits = growable || model.size() + bytes.size() <= 3000;
+        ASSERT_EQ(fits, Save(reg, bytes));
+        if (fits)
+          model += bytes;
+      } else {
+        unsigned len = static_cast<unsigned>(rng() % out.size() + 1);
+        int const got = reg.GetData(out.data(), &len);
+        ASSERT_EQ(model.empty() ? 0 : 1, got);
+        if (got) {
+          ASSERT_EQ(model.substr(0, len), std::string(out.data(), len));
+          model.erase(0, len);
+        }
+      }
+      ASSERT_EQ(model.size(), reg.GetBytesUsed());
+    }
+  }
 }
 
 TEST(BinBufReg, DisableAbortAndResetGateBothDirections) {

@@ -238,6 +238,16 @@ TEST(CLBuffer, PeekThenPoplastopKeepsTheUnsentTailFirst) {
   queue.poplastop(7, 3);
   EXPECT_EQ(std::vector<std::string>{"cdef"}, Drain(queue, 7));
 
+  // So does a slot inserted in front of the peeked one.
+  CLBuffer slots(8, 8, 0, 0, 0, 0, 0);
+  CLDataBuf *front = nullptr;
+  ASSERT_EQ(4u, slots.insert(3, "peek", 4, 100, nullptr, 0, &front, 1));
+  len = 4;
+  slots.first(3, tmp, &len, nullptr, 0, &done);
+  ASSERT_EQ(3u, slots.insert(3, "new", 3, 100, nullptr, 0, nullptr, 1, front, 0));
+  slots.poplastop(3, 4);
+  EXPECT_EQ((std::vector<std::string>{"new", "peek"}), Drain(slots, 3));
+
   // A commit that empties the record erases it.
   Put(queue, 6, "xy");
   len = 100;

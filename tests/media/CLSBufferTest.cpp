@@ -166,6 +166,36 @@ TEST(CLSBuffer, BudgetDropsWholeOldestSlotsWhichAreNotRecycled) {
   EXPECT_EQ(1, Add(fixed, 1, 41));
 }
 
+TEST(CLSBuffer, PacketIdsKeepTheirOrderAcrossTheWrap) {
+  // 200 packets of 32 bytes from 0xFFFFFFA0 on, 0 skipped: 96 before the
+  // wrap and 104 after. Slots of 256 bytes hold eight.
+  CLSView buf(256, 8, 8);
+  ASSERT_EQ(1, buf.NewId(1, 1024));
+  std::vector<unsigned> sent;
+  unsigned pkt = 0xFFFFFFA0u;
+  for (int i = 0; i < 200; ++i, pkt = pkt == 0xFFFFFFFFu ? 1 : pkt + 1) {
+    ASSERT_EQ(1, Add(buf, 1, pkt, 32)) << pkt;
+    sent.push_back(pkt);
+  }
+  // The newest packets stay, in sending order, and the oldest went.
+  std::vector<unsigned> held = Walk(buf, 1);
+  ASSERT_FALSE(held.empty());
+  EXPECT_EQ(std::vector<unsigned>(sent.end() - static_cast<long>(held.size()), sent.end()), held);
+  EXPECT_EQ(sent.back(), buf.GetLastPktId(1));
+  EXPECT_EQ(sent.back(), buf.lastPacket(1, nullptr, nullptr, nullptr));
+  EXPECT_EQ(0u, buf.GetPacket(1, 0xFFFFFFA0u, nullptr, nullptr, nullptr, nullptr));
+  // Packed eight to a slot: 6,400 bytes fill 25 slots, a few still held.
+  EXPECT_LE(buf.GetDroppedSlotCount(), 25u);
+
+  // A late packet from before the wrap goes before those after it.
+  CLSView late(256, 8, 8);
+  ASSERT_EQ(1, late.NewId(2, 4096));
+  for (unsigned id : {0xFFFFFFFEu, 2u, 0xFFFFFFFFu, 1u, 3u})
+    ASSERT_EQ(1, Add(late, 2, id, 16)) << id;
+  EXPECT_EQ((std::vector<unsigned>{0xFFFFFFFEu, 0xFFFFFFFFu, 1u, 2u, 3u}), Walk(late, 2));
+  EXPECT_EQ(3u, late.GetLastPktId(2));
+}
+
 TEST(CLSBuffer, CursorWalksBothWaysAndSetPosAnchorsIt) {
   CLSBuffer buf(30, 8, 0);
   buf.NewId(2, 1000);

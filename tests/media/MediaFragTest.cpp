@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -186,7 +188,8 @@ TEST(FragQueue, OverflowDropsEverythingUnlessGrowable) {
   FragQueue growable(60, 0, 1, 0);
   for (int i = 0; i < 3; ++i)
     EXPECT_EQ(1, growable.Write(pkt.data(), 50));
-  EXPECT_EQ(150u, growable.GetSize());
+  EXPECT_EQ(150u, growable.GetUsed());
+  EXPECT_GE(growable.GetSize(), 150u);
 
   // Through MediaFrag the receiver sees the gap in fragment numbers.
   MediaFrag mf(MediaFrag::kFragOn, 2000, 0, 0);
@@ -216,6 +219,92 @@ TEST(FragQueue, OverflowDropsEverythingUnlessGrowable) {
   EXPECT_EQ(50u, cap);
   EXPECT_EQ(0, std::memcmp(none, pkt.data(), 50));
   std::free(none);
+}
+
+TEST(FragQueue, AClaimedLengthAboveTheLargestPacketIsRefused) {
+  FragQueue q(64, 1, 1, 0);  // long framing, growable
+  Bytes const ok = Packet(true, 1, 1, 86, 1, 0);  // 100 bytes
+  ASSERT_EQ(1, q.Write(ok.data(), 100));
+  Bytes huge = Packet(true, 1, 2, 16, 1, 0);
+  Put32(huge, 8, 0xFFFFFFF0u);  // raw bytes claiming almost 4 GB
+  EXPECT_EQ(1, q.Write(huge.data(), static_cast<unsigned>(huge.size())));  // behind a whole packet: not yet judged
+  Bytes buf(200);
+  char *p = reinterpret_cast<char *>(buf.data());
+  unsigned cap = 200;
+  ASSERT_EQ(1, q.Read(&p, &cap, 0));
+  EXPECT_EQ(FragQueue::kTooLarge, q.Write(huge.data(), 4));  // now at the front
+  EXPECT_EQ(0u, q.GetUsed());
+  EXPECT_LT(q.GetSize(), 4096u);
+
+  q.SetMaxPacketSize(99);
+  EXPECT_EQ(FragQueue::kTooLarge, q.Write(ok.data(), 100));
+  q.SetMaxPacketSize(0);  // back to the default
+  EXPECT_EQ(1, q.Write(ok.data(), 100));
+  // A whole packet too large for MediaFrag's queue fails SaveData.
+  MediaFrag mf(MediaFrag::kLongHeader, 64, 1, 0);
+  mf.GetQueue()->SetMaxPacketSize(50);
+  EXPECT_EQ(0, mf.SaveData(ok.data(), 100));
+}
+
+TEST(FragQueue, InterleavedWritesAndReadsKeepEveryPacketWhole) {
+  for (int growable : {0, 1}) {
+    FragQueue q(growable ? 64 : 5000, 0, growable, 0);
+    std::deque<Bytes> model;
+    std::mt19937 rng(growable + 3);
+    Bytes buf(2000);
+    std::uint32_t seq = 0;
+    for (int step = 0; step < 4000; ++step) {
+      if (rng() % 3 != 0 && (growable || q.GetUsed() + 1200 <= 5000)) {
+        Bytes pkt = Packet(false, 1, ++seq, rng() % 1000, 1, 0);
+        ASSERT_EQ(1, q.Write(pkt.data(), static_cast<unsigned>(pkt.size())));
+        model.push_back(std::move(pkt));
+      } else {
+        char *p = reinterpret_cast<char *>(buf.data());
+        unsigned cap = static_cast<unsigned>(buf.size());
+        int const got = q.Read(&p, &cap, 0);
+        ASSERT_EQ(model.empty() ? 0 : 1, got);
+        if (got) {
+          ASSERT_EQ(model.front(), Bytes(buf.begin(), buf.begin() + cap)) << "packet " << Le(buf, 4, 4);
+          model.pop_front();
+        }
+      }
+    }
+  }
+}
+
+TEST(FragQueue, AWakeUpBeforeTheReaderWaitsIsNotLost) {
+  FragQueue q(1024, 0, 0, 1);
+  q.WakeReader();  // no reader yet
+  char *buf = nullptr;
+  unsigned cap = 0;
+  EXPECT_EQ(0, q.Read(&buf, &cap, 1));  // returns instead of waiting
+  Bytes const pkt = Packet(false, 1, 1, 4, 1, 0);
+  ASSERT_EQ(1, q.Write(pkt.data(), 16));
+  EXPECT_EQ(1, q.Read(&buf, &cap, 1));  // spent: the next read is served
+  std::free(buf);
+}
+
+TEST(FragQueue, ASecondCloseReturnsOnlyWhenTheFirstIsDone) {
+  for (int round = 0; round < 100; ++round) {
+    auto *q = new FragQueue(1024, 0, 0, 1);
+    testutil::Latch reading;
+    std::jthread reader([&] {
+      char *buf = nullptr;
+      unsigned cap = 0;
+      reading.Open();
+      q->Read(&buf, &cap, 1);
+    });
+    ASSERT_TRUE(reading.Wait());
+    std::jthread first([q] { q->Close(); });
+    // Once writes are refused the first Close is under way (one byte is no
+    // whole packet, so an earlier accepted write wakes nobody).
+    char const byte = 0;
+    ASSERT_TRUE(testutil::Eventually([&] { return q->Write(&byte, 1) == 0; }));
+    q->Close();
+    EXPECT_EQ(0u, q->GetSize());  // the first one has freed the storage
+    reader.join();
+    delete q;  // safe once this thread's Close returned, whatever the first does
+  }
 }
 
 TEST(FragQueue, StreamFilterDropsOtherStreamsAndCountsGaps) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <list>
 #include <map>
 #include <mutex>
 #include <random>
@@ -30,10 +31,18 @@ public:
     ++reads;
     return script ? script() : 0;
   }
-  void OnJitterBufFull() override { Count(fulls, "full"); }
+  void OnJitterBufFull() override {
+    Count(fulls, "full");
+    if (onFull)
+      onFull();
+  }
   void OnJitterBufEmpty() override { Count(empties, "empty"); }
   void OnJitterStop() override { Count(stops, "stop"); }
-  void OnJitterThreadEnd() override { Count(threadEnds, "end"); }
+  void OnJitterThreadEnd() override {
+    Count(threadEnds, "end");
+    if (onThreadEnd)
+      onThreadEnd();
+  }
 
   std::vector<std::string> Events() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -43,6 +52,8 @@ public:
   std::atomic<int> starts{0}, reads{0}, fulls{0}, empties{0}, stops{0}, threadEnds{0};
   int startResult = 1;
   std::function<int()> script;
+  std::function<void()> onFull;
+  std::function<void()> onThreadEnd;
 
 private:
   void Count(std::atomic<int> &counter, char const *what) {
@@ -226,6 +237,102 @@ TEST_F(XJitterCtrlTest, StopReleasesAWaitingReaderAndJoinsTheThread) {
   ASSERT_EQ(1, ctrl.Start());
   ASSERT_EQ(1, ctrl.Resume());
   ASSERT_TRUE(Eventually([&] { return ev.threadEnds.load() == 2; }));
+}
+
+TEST_F(XJitterCtrlTest, AReplacedDuplicateDoesNotEndTheWaitForAnyByte) {
+  ASSERT_TRUE(Started(20, 100));
+  ASSERT_EQ(1, ctrl.Insert(5, Bytes(10).data(), 10));
+  ASSERT_EQ(1, ctrl.Insert(5, Bytes(10).data(), 10));  // replaced: the counter deducts 5, not 10
+  char buf[100];
+  unsigned n = 0;
+  ASSERT_EQ(5u, ctrl.GetPacket(buf, sizeof buf, &n, 0, 0));
+  ASSERT_EQ(0u, ctrl.GetnPacketsLeft());
+  // Nothing is held, so a read for any byte waits for the next insert.
+  OneRead read(ev, ctrl, 100, 0);
+  ASSERT_EQ(1, ctrl.Resume());
+  ASSERT_TRUE(Eventually([&] { return ctrl.IsFilling() == 1 || read.done.IsOpen(); }));
+  EXPECT_EQ(1, ctrl.IsFilling());
+  ASSERT_EQ(1, ctrl.Insert(6, "x", 1));
+  ASSERT_TRUE(read.done.Wait());
+  EXPECT_EQ(6u, read.seq);
+}
+
+TEST_F(XJitterCtrlTest, TheFullCallbackMayReadWhileAReaderWakes) {
+  ASSERT_TRUE(Started(2, 100));
+  OneRead read(ev, ctrl, 2, 1);  // waits for two bytes
+  unsigned readInFull = 0;
+  ev.onFull = [&] {
+    char buf[4];
+    unsigned n = 0;
+    // Waits for the woken reader, which needs the main lock.
+    readInFull = ctrl.GetPacket(buf, sizeof buf, &n, 0, 0);
+  };
+  ASSERT_EQ(1, ctrl.Resume());
+  ASSERT_TRUE(Eventually([&] { return ctrl.IsFilling() == 1; }));
+  ASSERT_EQ(1, ctrl.Insert(1, "a", 1));
+  ASSERT_EQ(1, ctrl.Insert(2, "b", 1));  // meets the target and fills the buffer
+  ASSERT_TRUE(read.done.Wait());
+  EXPECT_EQ(1u, read.seq);
+  EXPECT_EQ(2u, readInFull);
+}
+
+// Stop or destruction from the controller's own callbacks neither deadlocks
+// nor joins the thread it runs on.
+TEST_F(XJitterCtrlTest, StopFromTheFullCallbackWhileTheThreadReads) {
+  ASSERT_TRUE(Started(1, 100));
+  ev.script = [&] {
+    char buf[100];
+    unsigned n = 0;
+    ctrl.GetPacket(buf, sizeof buf, &n, 1, 1);
+    return 1;
+  };
+  ev.onFull = [&] { ctrl.Stop(); };
+  ASSERT_EQ(1, ctrl.Resume());
+  ASSERT_TRUE(Eventually([&] { return ctrl.IsFilling() == 1; }));
+  ASSERT_EQ(1, ctrl.Insert(1, "a", 1));
+  EXPECT_EQ(0, ctrl.IsStarted());
+  EXPECT_EQ((std::vector<std::string>{"start", "full", "stop", "end"}), ev.Events());
+}
+
+// What a let-go read thread may still be returning through when a test
+// ends: kept until the process exits.
+struct Leftovers {
+  ScriptedEvents ev;
+  testutil::Latch deleted;
+  XJitterCtrl *ctrl = new XJitterCtrl;
+};
+Leftovers &NewLeftovers() {
+  static std::list<Leftovers> all;
+  return all.emplace_back();
+}
+
+TEST(XJitterCtrlCallbacks, StopAndDestroyFromTheReadThread) {
+  Leftovers &a = NewLeftovers();
+  ASSERT_EQ(1, a.ctrl->Initialize(4, 100, 100, &a.ev));
+  ASSERT_EQ(1, a.ctrl->Start());
+  a.ev.script = [&a] {
+    a.ctrl->Stop();
+    a.ctrl->Stop();  // once is enough
+    EXPECT_EQ(0, a.ctrl->IsStarted());
+    delete a.ctrl;
+    a.deleted.Open();
+    return 1;
+  };
+  ASSERT_EQ(1, a.ctrl->Resume());
+  ASSERT_TRUE(a.deleted.Wait());
+  EXPECT_EQ((std::vector<std::string>{"start", "stop", "end"}), a.ev.Events());
+
+  // Destroyed from the thread's last notice, after the client ended reading.
+  Leftovers &b = NewLeftovers();
+  ASSERT_EQ(1, b.ctrl->Initialize(4, 100, 100, &b.ev));
+  ASSERT_EQ(1, b.ctrl->Start());
+  b.ev.onThreadEnd = [&b] {
+    delete b.ctrl;
+    b.deleted.Open();
+  };
+  ASSERT_EQ(1, b.ctrl->Resume());  // no script: the loop ends at once
+  ASSERT_TRUE(b.deleted.Wait());
+  EXPECT_EQ((std::vector<std::string>{"start", "end", "stop"}), b.ev.Events());
 }
 
 TEST_F(XJitterCtrlTest, ShuffledInsertsFromOneThreadAreAllReadInPieces) {

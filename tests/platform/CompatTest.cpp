@@ -27,6 +27,14 @@ TEST(Compat, SnprintfAlwaysTerminates) {
   EXPECT_EQ(0, _strnicmp("abcX", "ABCy", 3));
 }
 
+TEST(Compat, CaseInsensitiveCompareTakesNull) {
+  EXPECT_EQ(0, _stricmp(nullptr, nullptr));
+  EXPECT_LT(_stricmp(nullptr, ""), 0);
+  EXPECT_GT(_stricmp("a", nullptr), 0);
+  EXPECT_LT(_strnicmp(nullptr, "a", 1), 0);
+  EXPECT_EQ(0, _strnicmp(nullptr, "a", 0));
+}
+
 TEST(Platform, TestsAndResultCodes) {
   EXPECT_EQ(1, IsLinux());
   EXPECT_EQ(0, IsApple());

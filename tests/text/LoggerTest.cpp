@@ -111,6 +111,10 @@ TEST(TimeText, FormatDateAndUptime) {
   EXPECT_STREQ("1sec", GetUptime(5000000 - 1000, out, sizeof out - 1, 1));
   EXPECT_STREQ("0msecs", GetUptime(5000000, nullptr, 0, 1));
   EXPECT_STREQ("1da", GetUptime(t - 90061, out, 3, 0));
+
+  clock.SetTick(0x100);  // the tick count wrapped since the start
+  EXPECT_STREQ("512msecs", GetUptime(0xFFFFFF00, out, sizeof out - 1, 1));
+  EXPECT_STREQ("0msecs", GetUptime(0x200, out, sizeof out - 1, 1));  // a start in the future
 }
 
 TEST_F(Files, NoticesReachTheFileSinkOnlyWhenEnabled) {

@@ -63,12 +63,15 @@ TEST(SVectorT, CursorKeepsNamingTheSamePair) {
   EXPECT_EQ(0, v.get_next(&k, nullptr));
 }
 
-TEST(SVectorT, GrowsByHundredsAndStaysSorted) {
+TEST(SVectorT, GrowsGeometricallyAndStaysSorted) {
   Vec v(0, 100);
   std::mt19937 rng(7);
   for (int i = 0; i < 250; ++i)
     ASSERT_NE(0u, v.insert(rng() % 60, i));  // plenty of duplicates
-  EXPECT_EQ(300u, v.get_capacity());
+  EXPECT_EQ(400u, v.get_capacity());  // 100, 200, 400
+  Vec empty(0, 0);
+  ASSERT_NE(0u, empty.insert(1, 1));
+  EXPECT_EQ(100u, empty.get_capacity());  // at least one step of 100
   auto pairs = Pairs(v);
   ASSERT_EQ(250u, pairs.size());
   for (std::size_t i = 1; i < pairs.size(); ++i) {

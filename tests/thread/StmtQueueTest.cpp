@@ -150,6 +150,76 @@ TEST(StmtQueue, AbortFromInsideExecStmtStopsWithoutWaitingOnItself) {
   EXPECT_EQ((std::vector<std::string>{"stop", "again"}), q.Done());
 }
 
+// Counts what it runs; an item named "die" deletes the queue itself.
+class Counter : public StmtQueue {
+public:
+  Counter() : StmtQueue(0, "count") {}
+  ~Counter() override { Abort(); }
+  void ExecStmt(XObj *item) override {
+    char desc[16];
+    if (std::string(item->GetDesc(desc, sizeof desc)) == "die") {
+      delete this;
+      return;
+    }
+    ++executed;
+  }
+  std::atomic<int> executed{0};
+};
+
+TEST(StmtQueue, AbortRacingStartNeitherHangsNorDropsAcceptedItems) {
+  constexpr int kRounds = 2000;
+  Counter q;
+  std::atomic<int> accepted{0};
+  std::atomic<bool> done{false};
+  {
+    std::vector<std::jthread> threads;
+    threads.emplace_back([&] {
+      for (int i = 0; i < kRounds; ++i)
+        q.Abort();
+    });
+    threads.emplace_back([&] {
+      for (int i = 0; i < kRounds; ++i)
+        q.Start();
+    });
+    threads.emplace_back([&] {
+      while (!done) {
+        auto *item = new Item("x");
+        if (q.Add(item))
+          ++accepted;
+        else
+          delete item;
+      }
+    });
+    threads[0].join();
+    threads[1].join();
+    done = true;
+  }
+  q.Abort();
+  // Every item Add accepted ran before the last Abort returned.
+  EXPECT_EQ(accepted.load(), q.executed.load());
+  EXPECT_EQ(0, g_itemsAlive.load());
+}
+
+TEST(StmtQueue, DestroyedFromInsideExecStmt) {
+  auto *q = new Counter;
+  Latch hold;
+  struct Holder : Item {
+    explicit Holder(Latch *l) : Item("hold"), latch(l) {}
+    char const *GetDesc(char *buf, unsigned size) override {
+      EXPECT_TRUE(latch->Wait());  // keeps the queue busy until "die" and "never" are queued
+      return Item::GetDesc(buf, size);
+    }
+    Latch *latch;
+  };
+  ASSERT_EQ(1, q->Add(new Holder(&hold)));
+  ASSERT_EQ(1, q->Add(new Item("die")));
+  ASSERT_EQ(1, q->Add(new Item("never")));  // behind the one that deletes the queue
+  hold.Open();
+  // The thread lets go of the queue and ends; nothing is left behind.
+  EXPECT_TRUE(Eventually([] { return g_itemsAlive.load() == 0; }));
+  EXPECT_TRUE(Eventually([] { return !Listed(") StmtQueue: Exec Stmt Thread (count)"); }));
+}
+
 TEST(XStrStmtQueueObj, DescriptionFitsTheBuffer) {
   XStrStmtQueueObj obj("select 1   ");
   char buf[8];

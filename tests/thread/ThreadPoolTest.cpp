@@ -54,6 +54,37 @@ private:
   Latch *release_;
 };
 
+// Destroys its pool from its own body, then returns.
+class PoolKiller : public IThreadObj {
+public:
+  PoolKiller(Tally &t, Latch *go) : IThreadObj("killer"), tally_(t), go_(go) {}
+  ~PoolKiller() override { ++tally_.deleted; }
+  int ThreadFunc() override {
+    EXPECT_TRUE(go_->Wait());
+    delete GetThreadPool();
+    ++tally_.sawExit;
+    return 0;
+  }
+
+private:
+  Tally &tally_;
+  Latch *go_;
+};
+
+TEST(ThreadPool, AJobMayDestroyItsOwnPool) {
+  Tally tally;
+  Latch go, never;
+  auto *pool = new ThreadPool;
+  ASSERT_EQ(1, pool->StartThread(new Job(tally, "other", &never)));  // stopped by the destructor
+  ASSERT_EQ(1, pool->StartThread(new PoolKiller(tally, &go)));
+  go.Open();
+  // Both jobs end and are deleted: the other one by the destructor, the
+  // killer by its own thread.
+  EXPECT_TRUE(Eventually([&] { return tally.deleted.load() == 2; }));
+  EXPECT_EQ(2, tally.sawExit.load());
+  EXPECT_TRUE(Eventually([] { return !Listed(") killer"); }));
+}
+
 TEST(ThreadPool, MaximumRefusesUntilAJobIsReaped) {
   Tally tally;
   Latch release, never;

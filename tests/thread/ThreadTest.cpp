@@ -1,4 +1,5 @@
 #include "thread/Thread.h"
+#include "thread/PosixThread.h"
 
 #include "platform/ThreadApi.h"
 #include "text/DebugOutput.h"
@@ -99,6 +100,20 @@ TEST(ThreadRegistry, EntriesAreAddedAtCreationAndRemovedOnce) {
   EXPECT_EQ(0, CountRegistry(aText));
   EXPECT_EQ(0, CountRegistry(bText));
   EXPECT_EQ(0, CountRegistry(cText));
+}
+
+TEST(ThreadRegistry, EntriesSharingARecycledKernelIdAreRemovedByTheirOwn) {
+  // An ended thread whose handle lives on, and a newer thread the kernel
+  // gave the same id: destroying the newer handle must not unlist the older.
+  unsigned long const id = 0x7FFFFFF1;
+  unsigned long const older = shared::detail::ThreadRegistryAdd("recycled older", id);
+  unsigned long const newer = shared::detail::ThreadRegistryAdd("recycled newer", id);
+  ASSERT_NE(older, newer);
+  shared::detail::ThreadRegistryRemove(newer);
+  EXPECT_EQ(1, CountRegistry("recycled older"));
+  EXPECT_EQ(0, CountRegistry("recycled newer"));
+  shared::detail::ThreadRegistryRemove(older);
+  EXPECT_EQ(0, CountRegistry("recycled older"));
 }
 
 TEST(ThreadRegistry, MainThreadIsListedFirstAndDisplayedThroughTheDebugChannel) {

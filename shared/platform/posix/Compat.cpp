@@ -7,9 +7,19 @@
 
 SHAREDLIB_BEGIN_C
 
-int _stricmp(char const *a, char const *b) { return strcasecmp(a, b); }
+// A null text sorts before every other text and equals only null, so callers
+// comparing a missing field get an answer instead of a crash.
+int _stricmp(char const *a, char const *b) {
+  if (!a || !b)
+    return (a == b) ? 0 : (a ? 1 : -1);
+  return strcasecmp(a, b);
+}
 
-int _strnicmp(char const *a, char const *b, std::size_t n) { return strncasecmp(a, b, n); }
+int _strnicmp(char const *a, char const *b, std::size_t n) {
+  if (!a || !b)
+    return (a == b || n == 0) ? 0 : (a ? 1 : -1);
+  return strncasecmp(a, b, n);
+}
 
 char *_itoa(int value, char *buf, int radix) {
   if (!buf)
