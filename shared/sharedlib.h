@@ -48,6 +48,8 @@
 // server
 
 // proxy
+#include "proxy/ProxyParam.h"
+#include "proxy/Socks5.h"
 
 // media
 #include "media/BinBuf.h"
