@@ -48,6 +48,7 @@
 // server
 
 // proxy
+#include "proxy/HTTPTunnel.h"
 #include "proxy/ProxyParam.h"
 #include "proxy/Socks5.h"
 
