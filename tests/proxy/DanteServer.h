@@ -42,12 +42,7 @@ public:
       Run("userdel " + user_ + " >/dev/null 2>&1");
   }
   int port() const { return port_; }
-  std::string Log() const {
-    std::ifstream in(dir_ / "sockd.log");
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
+  std::string Log() const { return ReadFile(dir_ / "sockd.log"); }
 
   // Ports on 127.0.0.1 that the daemon or its children listen on, other
   // than the SOCKS port: where a BIND waits for its peer.

@@ -18,6 +18,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,6 +43,14 @@ inline bool InCI() {
       GTEST_SKIP() << path << " is not installed (scripts/install-deps.sh installs it)"; \
     }                                                                                  \
   } while (0)
+
+// A daemon's log, for failure messages.
+inline std::string ReadFile(std::string const &path) {
+  std::ifstream in(path);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
 
 inline sockaddr_in Loopback(int port) {
   sockaddr_in a{};
