@@ -170,7 +170,7 @@ TEST_F(ServiceLine, ProxyLinesAreSkippedAndZolMatchesInAnyCase) {
 
 TEST_F(ServiceLine, ClosedConnectionEndsTheWait) {
   auto t = Tunnel("HTTP/1.1 407 Proxy Authentication Required\r\nContent-Length: 0\r\n\r\n");
-  char reply[8];
+  char reply[HTTPTunnel::kMaxReplyWord + 1];
   EXPECT_EQ(0, t->WaitForServiceLine(reply));
 }
 
@@ -187,7 +187,7 @@ TEST_F(ServiceLine, WindowCountsFromConstruction) {
   {
     auto late = Tunnel("HTTP/1.1 200 OK\r\nZOL OK\r\n");
     clock.Advance(25000);
-    char reply[8] = "x";
+    char reply[HTTPTunnel::kMaxReplyWord + 1] = "x";
     // One read, then the window is over: the answer behind it is not read.
     EXPECT_EQ(0, late->WaitForServiceLine(reply));
     EXPECT_STREQ("", reply);
@@ -199,7 +199,7 @@ TEST_F(ServiceLine, AnswerWithinTheWindowIsFound) {
   shared::platform::ScopedClockSource use(clock);
   auto t = Tunnel("HTTP/1.1 200 OK\r\n\r\nZOL 17 granted\r\n");
   clock.Advance(20000);
-  char reply[8];
+  char reply[HTTPTunnel::kMaxReplyWord + 1];
   ASSERT_EQ(1, t->WaitForServiceLine(reply));
   EXPECT_STREQ("17", reply);
 }
@@ -209,7 +209,7 @@ TEST_F(ServiceLine, FirstLineAnswersEvenAfterTheWindow) {
   shared::platform::ScopedClockSource use(clock);
   auto t = Tunnel("ZOL OK\r\n");
   clock.Advance(25000);
-  char reply[8];
+  char reply[HTTPTunnel::kMaxReplyWord + 1];
   EXPECT_EQ(1, t->WaitForServiceLine(reply));
 }
 
