@@ -103,9 +103,9 @@ int HTTPTunnel::connect(char const *host, char const *bindAddr, char const *serv
   unsigned s = kNoSocket;
   if (!ctrl_->connect(endpoint, "TCP", port, nullptr, &s, bindAddr, noWait, 0))
     return 0;
+  if (!noWait && !ctrl_->TestWriteSock(s, kConnectWaitSeconds, 1))
+    return 0;  // TestWriteSock closed it: keep no stale handle
   sock_ = s;
-  if (!noWait && !ctrl_->TestWriteSock(sock_, kConnectWaitSeconds, 1))
-    return 0;
   return SendHTTPInitCmd(host, service, srvport, id, user, passwd, viaProxy);
 }
 

@@ -39,6 +39,16 @@ TEST(HTTPTunnel, ModeWithoutGetOrPostIsNotUsable) {
   EXPECT_EQ(1, both.DoPost());
 }
 
+TEST(HTTPTunnel, RefusedConnectionLeavesNoSocket) {
+  ProxyParam nobody("127.0.0.1", static_cast<unsigned long>(proxytest::FreePort()), nullptr, nullptr, 2);
+  for (int noWait : {0, 1}) {
+    HTTPTunnel t(3, nullptr, HTTPTunnel::kNoSocket, nullptr);
+    EXPECT_EQ(0, t.connect("10.1.2.3", nullptr, "chat", 1, 1, &nobody, noWait));
+    EXPECT_EQ(HTTPTunnel::kNoSocket, t.GetHTTPSock());
+    EXPECT_EQ(0, t.RemoveSock());
+  }
+}
+
 TEST(HTTPTunnel, LentControllerAdoptsOnlyAConnectedSocket) {
   SocketCtrl ctrl(nullptr, 1, 0, 0, 0, "lent");
   EXPECT_EQ(0, HTTPTunnel(1, &ctrl, 1234, nullptr).IsOk());
