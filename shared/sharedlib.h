@@ -62,6 +62,9 @@
 #include "server/SockSrv.h"
 
 // proxy
+#include "proxy/HTTPTunnel.h"
+#include "proxy/ProxyParam.h"
+#include "proxy/Socks5.h"
 
 // media
 #include "media/BinBuf.h"
