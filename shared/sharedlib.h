@@ -46,6 +46,7 @@
 #include "sockbuf/BufVectorReg.h"
 #include "sockbuf/ISockBufOwner.h"
 #include "sockbuf/ISockBuff.h"
+#include "sockbuf/IndexStr.h"
 #include "sockbuf/SockBufVect.h"
 #include "sockbuf/SockBuf_defrag.h"
 #include "sockbuf/SockBuf_reg.h"
