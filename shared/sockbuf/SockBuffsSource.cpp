@@ -5,6 +5,7 @@
 
 #include "file/FilePrimitives.h"
 #include "platform/Clock.h"
+#include "socket/SocketPrimitives.h"
 #include "sockbuf/IndexStr.h"
 #include "sockbuf/SockBuf_reg.h"
 #include "sockbuf/detail/MediaPkt.h"
@@ -71,8 +72,9 @@ int SockBuffs::OpenSource() {
       if (!listen("udp", 0, url_.port, url_.host, nullptr, &sock, 1, &port)) return 0;
       break;
     case SockUrl::kUdpMulticast: {
+      unsigned bound = 0;
       if (!connectMCast(url_.host, url_.port, kLoopbackIface, 1, &sock, 1)) return 0;
-      port = url_.port;
+      if (GetSockName(sock, nullptr, 0, &bound)) port = static_cast<int>(bound);
       break;
     }
     case SockUrl::kFile: {
