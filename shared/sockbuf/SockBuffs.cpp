@@ -49,15 +49,7 @@ SockBuffs::SockBuffs(unsigned maxWnds, unsigned regSize)
 SockBuffs::~SockBuffs() {
   stop_.store(1);
   Stop();
-  {
-    SemGuard t(threadLock_);
-    if (thread_ != nullptr) {  // started but never played (OpenUrl alone)
-      wake_.Signal();
-      thread_->WaitForMe(IThread::kInfinite);
-      delete thread_;
-      thread_ = nullptr;
-    }
-  }
+  JoinReadThread();  // started by OpenUrl alone, never played
   SemGuard g(lock_);
   CloseUrl();
   CloseSaveFile();
@@ -308,18 +300,26 @@ int SockBuffs::Pause(int on) {
 int SockBuffs::Stop() {
   if (!IsPlaying()) return 0;
   stop_.store(1);
-  {
-    SemGuard t(threadLock_);
-    if (thread_ != nullptr) {
-      wake_.Signal();
-      thread_->WaitForMe(IThread::kInfinite);
-      delete thread_;
-      thread_ = nullptr;
-    }
-  }
+  JoinReadThread();
   SemGuard g(lock_);
   StopLocked();
   return 1;
+}
+
+// stop_ is set. The handle is taken out under threadLock_ but joined without
+// it: the read thread itself may be inside OpenUrl, which looks at the handle
+// (and, seeing stop_, starts nothing).
+void SockBuffs::JoinReadThread() {
+  IThread* thread = nullptr;
+  {
+    SemGuard t(threadLock_);
+    thread = thread_;
+    thread_ = nullptr;
+  }
+  if (thread == nullptr) return;
+  wake_.Signal();
+  thread->WaitForMe(IThread::kInfinite);
+  delete thread;
 }
 
 void SockBuffs::StopLocked() {

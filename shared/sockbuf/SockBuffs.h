@@ -185,6 +185,7 @@ class SHAREDLIB_API SockBuffs : public SocketCtrl, public ISockBufOwner {
   // Sleeps ms through the clock in steps, returning early on stop.
   void SleepUnlessStopped(unsigned ms);
   int StartReadSockThread();
+  void JoinReadThread();
   int OpenSource();
   void PauseMedias();
   void ChangeReadOffset();
@@ -233,7 +234,7 @@ class SHAREDLIB_API SockBuffs : public SocketCtrl, public ISockBufOwner {
   int readFd_ = -1;                           // guarded by lock_
   SockUrl url_;                               // guarded by lock_
   bool wholePacket_ = false;                  // guarded by lock_
-  unsigned peerSock_ = kNoSocket;             // read thread (and Stop after the join)
+  unsigned peerSock_ = kNoSocket;             // guarded by lock_
   std::atomic<ISockBuff*> fileMW_{nullptr};
   std::atomic<ISockBuffExt*> pktMW_{nullptr};
   std::atomic<ISockBuffNotify*> notifier_{nullptr};

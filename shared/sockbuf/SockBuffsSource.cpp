@@ -50,7 +50,9 @@ int SockBuffs::OpenUrl() {
       opened_.store(1);
     }
   }
-  if (readThreadEnabled_.load()) return StartReadSockThread();
+  // After Stop the source may be opened (a window bound) but the thread
+  // waits for Play.
+  if (readThreadEnabled_.load() && !stop_.load()) return StartReadSockThread();
   return 1;
 }
 
@@ -150,6 +152,7 @@ int SockBuffs::StartReadSockThread() {
   if (!ok_) return 0;
   SemGuard t(threadLock_);
   if (thread_ != nullptr) return 1;
+  if (stop_.load()) return 0;  // a Stop is joining the thread
   // Start suspended so the handle is stored before the body can look at it.
   thread_ = CreateIThread(&SockBuffs::ReadThreadMain, this, 0, "SockBuffs: Read Thread");
   if (thread_ == nullptr) return 0;

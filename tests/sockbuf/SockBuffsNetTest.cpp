@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -253,6 +254,26 @@ TEST(SockBuffsControl, PauseAndStopFromAControlThreadWhileReading) {
   EXPECT_TRUE(ok.load());
   EXPECT_EQ(r.IsStopped(), 1);
   EXPECT_EQ(r.IsPaused(), 0);
+  // Stop destroyed the windows; a new one and Play start reading again.
+  ASSERT_EQ(r.CreateWnd(1, 0, 0, 0, 0, kA, 0), 1);
+  r.SetWndBlock(1, 0);
+  ASSERT_EQ(r.Play(), 1);
+  EXPECT_FALSE(ReadN(r.GetWndObj(1), 1).empty());
+}
+
+// The sender is gone for good: the read thread keeps trying to reconnect,
+// and Stop still ends it.
+TEST(SockBuffsTcp, StopWhileReconnecting) {
+  auto s = std::make_unique<Server>();
+  Reader rd(s->Url());
+  Fd peer(s->Accept());
+  ASSERT_NE(peer.get(), -1);
+  s.reset();
+  peer.Reset();
+  Bytes buf(256);
+  unsigned n = 0;
+  EXPECT_TRUE(WaitFor([&] { return rd.plain->Read(buf.data(), 256, &n) == STG_E_INCOMPLETE; }));
+  EXPECT_EQ(rd.r.Stop(), 1);
 }
 
 }  // namespace
