@@ -5,6 +5,7 @@
 
 #include "file/FilePrimitives.h"
 #include "platform/Clock.h"
+#include "platform/SocketApi.h"
 #include "socket/SocketPrimitives.h"
 #include "sockbuf/IndexStr.h"
 #include "sockbuf/SockBuf_reg.h"
@@ -74,8 +75,14 @@ int SockBuffs::OpenSource() {
       if (!listen("udp", 0, url_.port, url_.host, nullptr, &sock, 1, &port)) return 0;
       break;
     case SockUrl::kUdpMulticast: {
+      // By address: the text forms of the address helpers refuse port 0.
+      sockaddr_in group{};
+      group.sin_family = AF_INET;
+      group.sin_port = sp::SockHtons(url_.port);
+      group.sin_addr.s_addr = IPStrToLong(url_.host);
       unsigned bound = 0;
-      if (!connectMCast(url_.host, url_.port, kLoopbackIface, 1, &sock, 1)) return 0;
+      if (group.sin_addr.s_addr == 0xFFFFFFFFu) return 0;
+      if (!connectMCast(&group, kLoopbackIface, 1, &sock, 1)) return 0;
       if (GetSockName(sock, nullptr, 0, &bound)) port = static_cast<int>(bound);
       break;
     }
