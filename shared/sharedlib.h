@@ -51,6 +51,7 @@
 #include "sockbuf/SockBuf_defrag.h"
 #include "sockbuf/SockBuf_reg.h"
 #include "sockbuf/SockBuf_reg2.h"
+#include "sockbuf/SockBuffs.h"
 #include "sockbuf/SockUrl.h"
 
 // server

@@ -190,7 +190,8 @@ class SHAREDLIB_API SockBuffs : public SocketCtrl, public ISockBufOwner {
   void PauseMedias();
   void ChangeReadOffset();
 
-  void SaveMediaPkt(unsigned char* pkt, unsigned len);
+  void SaveMediaPkt(unsigned char const* pkt, unsigned len);
+  bool CompletePending(unsigned char const** p, unsigned* len);
   bool PaceFilePacket(unsigned key, unsigned ts);  // lock_ held; true when it waited
   void NotifyPktRead(unsigned mediaId, unsigned flags);
   void WriteSaveFile(void const* pkt, unsigned len);

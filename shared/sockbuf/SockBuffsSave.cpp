@@ -22,22 +22,50 @@ constexpr unsigned kTimeStampOffset = 16;
 constexpr unsigned kIndexCapacity = 1000;
 }  // namespace
 
+// Whole packets are cut straight out of the caller's bytes; only a packet
+// split across calls goes through the input register, where it waits for its
+// rest. Cutting everything through the register would move the unread rest
+// of each chunk to the front once per packet.
 int SockBuffs::WriteData(void const* buf, unsigned len) {
   if (!opened_.load() || stop_.load() || buf == nullptr || len == 0) return 0;
   SemGuard g(lock_);
-  if (!input_->SaveData(const_cast<void*>(buf), len)) return 0;
-  // The packet buffer holds the largest packet a header can describe, so a
-  // failed GetData always means that no whole packet is left.
-  while (!stop_.load()) {
-    unsigned n = static_cast<unsigned>(pktBuf_.size());
-    if (!input_->GetData(pktBuf_.data(), &n)) break;
-    SaveMediaPkt(pktBuf_.data(), n);
+  auto const* p = static_cast<unsigned char const*>(buf);
+  if (input_->GetBytesUsed() != 0 && !CompletePending(&p, &len)) return 1;
+  while (len >= pkt::kHeaderLen && !stop_.load()) {
+    unsigned const size = pkt::PktLen(p);
+    if (size > len) break;
+    SaveMediaPkt(p, size);
+    p += size;
+    len -= size;
   }
+  if (len != 0 && !stop_.load() && !input_->SaveData(const_cast<unsigned char*>(p), len))
+    return 0;
   return 1;
 }
 
+// Feeds the input register the bytes its pending packet lacks (the header
+// first, then the rest it announces) and stores the packet once whole.
+// lock_ held. false while the packet is still incomplete.
+bool SockBuffs::CompletePending(unsigned char const** p, unsigned* len) {
+  auto feed = [&](unsigned want) {
+    unsigned const take = want < *len ? want : *len;
+    if (take != 0 && input_->SaveData(const_cast<unsigned char*>(*p), take)) {
+      *p += take;
+      *len -= take;
+    }
+  };
+  if (input_->GetBytesUsed() < pkt::kHeaderLen) feed(pkt::kHeaderLen - input_->GetBytesUsed());
+  if (input_->GetBytesUsed() < pkt::kHeaderLen) return false;
+  unsigned const size = pkt::PktLen(input_->GetBufPtr());
+  if (input_->GetBytesUsed() < size) feed(size - input_->GetBytesUsed());
+  unsigned n = static_cast<unsigned>(pktBuf_.size());
+  if (!input_->GetData(pktBuf_.data(), &n)) return false;
+  SaveMediaPkt(pktBuf_.data(), n);
+  return true;
+}
+
 // lock_ held (once) by WriteData; released around NewMediaId and pacing.
-void SockBuffs::SaveMediaPkt(unsigned char* p, unsigned len) {
+void SockBuffs::SaveMediaPkt(unsigned char const* p, unsigned len) {
   if (len < kMinPacket) return;
   lastPktTime_.store(sp::NowSeconds());
   pktSeen_.store(1);
@@ -61,7 +89,7 @@ void SockBuffs::SaveMediaPkt(unsigned char* p, unsigned len) {
   }
   bool const waited = fromFile && PaceFilePacket(key, ts);
   if (stop_.load()) return;
-  if (wnds_->SaveDataKey(key, p, size)) sockError_.store(0);
+  if (wnds_->SaveDataKey(key, const_cast<unsigned char*>(p), size)) sockError_.store(0);
   if (notifyOn_ && notifier_.load() != nullptr) NotifyPktRead(mediaId, p[11]);
   if (saveFd_ != -1) WriteSaveFile(p, size);
   if (ISockBuff* writer = fileMW_.load()) writer->Write(p, size, nullptr);
