@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 using namespace readertest;
 namespace sp = shared::platform;
 
@@ -46,6 +48,11 @@ TEST(SockBuffsCut, PacketSplitAcrossWritesArrivesWhole) {
   got = Drain(w);
   ASSERT_EQ(got.size(), 1u);
   EXPECT_EQ(got[0], b);
+  // Pieces of 5 bytes split headers as well as payloads.
+  for (std::size_t at = 0; at < stream.size(); at += 5)
+    f.Feed(Bytes(stream.begin() + static_cast<long>(at),
+                 stream.begin() + static_cast<long>(std::min(at + 5, stream.size()))));
+  EXPECT_EQ(Drain(w), (std::vector<Bytes>{a, b}));
 }
 
 TEST(SockBuffsCut, ShortAndAnonymousPacketsAreSkipped) {
