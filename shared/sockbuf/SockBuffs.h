@@ -34,7 +34,8 @@
 // vector, save file, pacing anchors), then a register's own locks, then the
 // SocketCtrl base's locks. lock_ is recursive and is released around
 // NewMediaId and around pacing waits; it is never held while joining the
-// read thread.
+// read thread. threadLock_ (the thread handle) may be taken under lock_ and
+// nothing is taken under it.
 #pragma once
 
 #include "platform/Export.h"
