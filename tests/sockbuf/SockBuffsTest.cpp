@@ -83,6 +83,28 @@ TEST(SockBuffsWindows, TwoStreamsWithGapsAndReordering) {
   EXPECT_EQ(f.reader.GetWndId(kB), 2u);
 }
 
+// A window with both stages joins the fragments of a frame that arrive out
+// of order into one packet.
+TEST(SockBuffsWindows, DefragmentingWindowJoinsAReorderedFrame) {
+  Fed f;
+  ASSERT_EQ(f.reader.CreateWnd(3, 4096, 2, 1, 0, kA, 0), 1);
+  f.reader.SetWndBlock(3, 0);
+  auto fragment = [](unsigned seq, unsigned char fill) {
+    Bytes payload = {7, 0, 0, 0, 100, 0, 0, 0, 3};  // frame id 7, time 100, 3 fragments
+    payload.insert(payload.end(), 5, fill);
+    return pkttest::Pkt(kA, seq, payload);
+  };
+  f.Feed(fragment(1, 0xA));
+  f.Feed(fragment(3, 0xC));
+  f.Feed(fragment(2, 0xB));
+  std::vector<Bytes> got = Drain(f.reader.GetWndObj(3));
+  ASSERT_EQ(got.size(), 1u);
+  Bytes data(5, 0xA);
+  data.insert(data.end(), 5, 0xB);
+  data.insert(data.end(), 5, 0xC);
+  EXPECT_EQ(got[0], pkttest::Pkt(kA, 7, data));  // the frame id in the sequence field
+}
+
 TEST(SockBuffsWindows, RebindingMovesTheIdentifier) {
   Fed f;
   ISockBuffExt* one = f.Window(1, kA);
