@@ -63,7 +63,7 @@ struct Playback {
   Playback(std::string const& path, std::size_t expect, double seekPercent = -1,
            unsigned maxWaitMs = SockBuffs::kDefaultMaxWaitMs) {
     std::uint32_t const start = clock.TickCount();
-    r.SetINotify(&notifier, 0, 0);
+    r.SetINotify(&notifier, 1, 0);
     r.SetMaxWaitTime(maxWaitMs);
     EXPECT_EQ(r.SetUrl(("file://" + path).c_str()), 1);
     if (seekPercent >= 0) r.SetReadOffset(seekPercent);
@@ -88,6 +88,12 @@ TEST(SockBuffsFile, RecordingPlaysBackTheSamePacketsAtTheirPace) {
   // 199 steps of 40 ms; slop for the clock steps of other sleepers.
   EXPECT_GE(p.elapsedMs, 199u * 40);
   EXPECT_LE(p.elapsedMs, 199u * 40 + 200);
+  // About one report per second of play, with the read position rising.
+  std::vector<Notifier::Read> reads = p.notifier.Reads();
+  ASSERT_GE(reads.size(), 3u);
+  for (std::size_t i = 1; i < reads.size(); ++i) EXPECT_GT(reads[i].percent, reads[i - 1].percent);
+  EXPECT_GT(reads.front().percent, 0.0);
+  EXPECT_LE(reads.back().percent, 100.0);
 }
 
 // A jump of 60 s in the stamps waits the maximum only, then play goes on in
