@@ -56,6 +56,7 @@
 #include "sockbuf/SockBuf_reg2.h"
 #include "sockbuf/MWPacer.h"
 #include "sockbuf/SockMWBuffs.h"
+#include "sockbuf/SockBuffs.h"
 #include "sockbuf/SockUrl.h"
 
 // server
