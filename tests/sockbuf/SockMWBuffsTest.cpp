@@ -342,3 +342,96 @@ TEST(SockMWBuffsPing, SilentPeerIsReconnected) {
 }
 
 }  // namespace
+
+namespace {
+
+// A long-form packet: 32-bit length at 8, type and flag bytes at 12 and 13.
+std::vector<unsigned char> LongPacket(unsigned seq, unsigned payload, unsigned lengthField) {
+  std::vector<unsigned char> p(14 + payload);
+  for (unsigned i = 0; i < p.size(); ++i)
+    p[i] = static_cast<unsigned char>(0x40 + i);
+  for (int i = 0; i < 4; ++i) {
+    p[i] = static_cast<unsigned char>(0x11 * (i + 1));
+    p[4 + i] = static_cast<unsigned char>(seq >> (8 * i));
+    p[8 + i] = static_cast<unsigned char>(lengthField >> (8 * i));
+  }
+  p[12] = 0x05;
+  p[13] = 0x10;
+  return p;
+}
+
+void ExpectShortForm(unsigned char const *s, std::vector<unsigned char> const &longPkt, unsigned payload) {
+  unsigned char const want[12] = {0x11, 0x22, 0x33, 0x44, longPkt[4], longPkt[5], longPkt[6], longPkt[7],
+                                  static_cast<unsigned char>(payload), static_cast<unsigned char>(payload >> 8),
+                                  0x05, 0x10};
+  EXPECT_EQ(0, std::memcmp(want, s, 12));
+  EXPECT_EQ(0, std::memcmp(longPkt.data() + 14, s + 12, payload));
+}
+
+TEST(SockMWBuffsPacketForm, ConvertPktMapsTheLongHeaderOntoTheShortOne) {
+  unsigned const payload = 300;  // length above 255: both length bytes matter
+  auto const in = LongPacket(0x01020304, payload, payload);
+  std::vector<unsigned char> out(12 + payload);
+  ASSERT_EQ(12u + payload, SockMWBuffs::ConvertPkt(in.data(), static_cast<unsigned>(in.size()), out.data(),
+                                                   static_cast<unsigned>(out.size())));
+  ExpectShortForm(out.data(), in, payload);
+
+  // In place: the short form is written over the long one.
+  auto inPlace = in;
+  ASSERT_EQ(12u + payload, SockMWBuffs::ConvertPkt(inPlace.data(), static_cast<unsigned>(inPlace.size()),
+                                                   inPlace.data(), static_cast<unsigned>(inPlace.size())));
+  ExpectShortForm(inPlace.data(), in, payload);
+
+  // Bytes beyond the length field are not part of the packet.
+  auto padded = LongPacket(9, 40, 20);
+  EXPECT_EQ(32u, SockMWBuffs::ConvertPkt(padded.data(), static_cast<unsigned>(padded.size()), out.data(), 32));
+}
+
+TEST(SockMWBuffsPacketForm, ConvertPktRefusesWhatDoesNotFit) {
+  std::vector<unsigned char> out(0x10000 + 64);
+  unsigned const cap = static_cast<unsigned>(out.size());
+  auto ok = LongPacket(1, 100, 100);
+  unsigned const n = static_cast<unsigned>(ok.size());
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(ok.data(), 13, out.data(), cap));         // shorter than a header
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(ok.data(), n - 1, out.data(), cap));      // length beyond the bytes
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(ok.data(), n, out.data(), 12 + 99));      // output one byte short
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(nullptr, n, out.data(), cap));
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(ok.data(), n, nullptr, cap));
+  // A payload the 16-bit field cannot count, and a length that would wrap.
+  auto big = LongPacket(2, 0x10000, 0x10000);
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(big.data(), static_cast<unsigned>(big.size()), out.data(), cap));
+  auto wrap = LongPacket(3, 10, 0xFFFFFFFFu);
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(wrap.data(), static_cast<unsigned>(wrap.size()), out.data(), cap));
+}
+
+TEST(SockMWBuffsPacketForm, AdjustPktDatalenCountsThePayloadOnly) {
+  RecordingSink sink;
+  SockMWBuffs mw(0, 0, 0, 0, 0, 0, nullptr, &sink, 0, 0, 0);
+  ASSERT_EQ(1, mw.IsDatalenPayloadOnly());
+  // A packet built with a wrong length field is fixed up and then sent whole.
+  auto pkt = Packet(5, 300);
+  pkt[8] = pkt[9] = 0;
+  auto const before = pkt;
+  ASSERT_EQ(1, SockMWBuffs::AdjustPktDatalen(pkt.data(), 312));
+  EXPECT_EQ(0x2C, static_cast<unsigned char>(pkt[8]));
+  EXPECT_EQ(0x01, static_cast<unsigned char>(pkt[9]));
+  pkt[8] = pkt[9] = 0;
+  EXPECT_EQ(before, pkt);  // nothing else touched
+  ASSERT_EQ(1, SockMWBuffs::AdjustPktDatalen(pkt.data(), 312));
+  ASSERT_EQ(1, mw.write(pkt.data(), 312));
+  auto const got = sink.WaitFor(1);
+  ASSERT_EQ(1u, got.size());
+  EXPECT_EQ(pkt, got[0]);
+
+  // Header alone, and the largest payload the field counts.
+  std::vector<char> big(12 + 0x10000);
+  EXPECT_EQ(1, SockMWBuffs::AdjustPktDatalen(big.data(), 12));
+  EXPECT_EQ(0, big[8] | big[9]);
+  EXPECT_EQ(1, SockMWBuffs::AdjustPktDatalen(big.data(), 12 + 0xFFFF));
+  EXPECT_EQ(-1, big[8] & big[9]);
+  EXPECT_EQ(0, SockMWBuffs::AdjustPktDatalen(big.data(), 12 + 0x10000));
+  EXPECT_EQ(0, SockMWBuffs::AdjustPktDatalen(big.data(), 11));
+  EXPECT_EQ(0, SockMWBuffs::AdjustPktDatalen(nullptr, 100));
+}
+
+}  // namespace
