@@ -5,9 +5,11 @@
 #include <numeric>
 
 namespace {
-// One tick of the millisecond clock: how late a packet may leave and still
-// keep its due time.
-constexpr unsigned long long kTickUs = 1000;
+// How late a packet may leave and still keep its due time: the millisecond
+// tick plus the writer's usual wake-up lateness on a busy machine. Later
+// than that the time is given up rather than made up in a burst; so no
+// 100 ms carries more than its share plus this much.
+constexpr unsigned long long kLateUs = 4000;
 }  // namespace
 
 MWPacer::MWPacer(unsigned slots, unsigned long windowMs, bool perMsPacing)
@@ -139,8 +141,8 @@ void MWPacer::Count(unsigned len, unsigned long nowMs) {
   slotLimit_ = true;
   // The next packet is measured from when this one was due. Never from later
   // than now (a packet let through by a restart runs no debt), and never from
-  // more than one tick before now, so a stall is not made up in a burst.
+  // more than kLateUs before now, so a stall is not made up in a burst.
   unsigned long long const nowUs = static_cast<unsigned long long>(nowMs) * 1000u;
   unsigned long long const due = dueUs_ + PktUs(len);
-  dueUs_ = std::clamp(due, nowUs >= kTickUs ? nowUs - kTickUs : 0ull, nowUs);
+  dueUs_ = std::clamp(due, nowUs >= kLateUs ? nowUs - kLateUs : 0ull, nowUs);
 }

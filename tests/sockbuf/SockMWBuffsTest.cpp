@@ -4,6 +4,7 @@
 
 #include "platform/Clock.h"
 #include "socket/SendQueue.h"
+#include "../socket/NetnsSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -284,6 +285,61 @@ TEST(SockMWBuffsLoopback, UnpacedUdpSendsEachPacketAsADatagram) {
     EXPECT_EQ(i, SeqOf(buf));
   }
   ::close(fd);
+}
+
+// Multicast only inside a namespace of the test's own: a veth pair (both
+// ends inside) carries the group route, and the sender's own copy comes back
+// through multicast loop.
+TEST(SockMWBuffsMulticast, GroupUrlSendsDatagramsWithTheStreamTtl) {
+  NSTEST_REQUIRE_NETNS();
+  nstest::Netns ns("mc");
+  ASSERT_TRUE(ns.ok());
+  std::string const dev = nstest::Netns::Ifname("d");
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "link add " + dev + " type veth peer name " + dev + "p"));
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "link set " + dev + "p up"));
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "addr add 10.231.18.1/24 dev " + dev));
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "link set " + dev + " up multicast on"));
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "route add 224.0.0.0/4 dev " + dev));
+  ASSERT_TRUE(ns.RunIn([] {
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    socklen_t alen = sizeof a;
+    ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a));
+    ASSERT_EQ(0, ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &alen));
+    ip_mreq m{};
+    ::inet_pton(AF_INET, "239.231.18.1", &m.imr_multiaddr);
+    ::inet_pton(AF_INET, "10.231.18.1", &m.imr_interface);
+    ASSERT_EQ(0, ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m));
+    int on = 1;
+    ASSERT_EQ(0, ::setsockopt(fd, IPPROTO_IP, IP_RECVTTL, &on, sizeof on));
+
+    SockMWBuffs mw(0, 0, 0, 0, 0, 0, nullptr, nullptr, 0, 0, 0);
+    ASSERT_EQ(1, mw.SetUrl(("udp://@239.231.18.1:" + std::to_string(ntohs(a.sin_port))).c_str()));
+    ASSERT_EQ(1, mw.OpenUrl());
+    for (unsigned i = 0; i < 10; ++i)
+      ASSERT_EQ(1, mw.write(Packet(i, 300).data(), 312));
+    for (unsigned i = 0; i < 10; ++i) {
+      char buf[2000];
+      char ctl[CMSG_SPACE(sizeof(int))];
+      iovec iov{buf, sizeof buf};
+      msghdr msg{};
+      msg.msg_iov = &iov;
+      msg.msg_iovlen = 1;
+      msg.msg_control = ctl;
+      msg.msg_controllen = sizeof ctl;
+      ASSERT_TRUE(Readable(fd));
+      ASSERT_EQ(312, ::recvmsg(fd, &msg, 0));
+      EXPECT_EQ(i, SeqOf(buf));
+      cmsghdr *c = CMSG_FIRSTHDR(&msg);
+      ASSERT_NE(nullptr, c);
+      int ttl = 0;
+      std::memcpy(&ttl, CMSG_DATA(c), sizeof ttl);
+      EXPECT_EQ(8, ttl);  // not the system's default of 1
+    }
+    ::close(fd);
+  }));
 }
 
 TEST(SockMWBuffsPing, RulesOfSilenceAndOfTheWindowStart) {
