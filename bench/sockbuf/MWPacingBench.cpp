@@ -113,7 +113,8 @@ void RunOurs(unsigned kbps, unsigned seconds, SendQueue *queue) {
   Receiver rx;
   std::vector<unsigned> perMs;
   std::thread t([&] { perMs = rx.Run(seconds * 1000); });
-  SockMWBuffs mw(kbps, 10, 3000, 0, 0, 0, queue, nullptr, 0, 1000, 0);
+  // Per-millisecond pacing: each slot's budget spread across the slot.
+  SockMWBuffs mw(kbps, 10, 3000, 1, 0, 0, queue, nullptr, 0, 1000, 0);
   char url[64];
   std::snprintf(url, sizeof url, "tcp://127.0.0.1:%d", rx.Port());
   mw.SetUrl(url);

@@ -4,6 +4,14 @@
 #include <cstdint>
 #include <numeric>
 
+namespace {
+// How late a packet may leave and still keep its due time: the millisecond
+// tick plus the writer's usual wake-up lateness on a busy machine. Later
+// than that the time is given up rather than made up in a burst; so no
+// 100 ms carries more than its share plus this much.
+constexpr unsigned long long kLateUs = 4000;
+}  // namespace
+
 MWPacer::MWPacer(unsigned slots, unsigned long windowMs, bool perMsPacing)
     : ring_(slots, 0u), perMs_(perMsPacing), windowMs_(windowMs) {
   if (windowMs_ < slots)
@@ -37,12 +45,18 @@ void MWPacer::Clear() {
   std::fill(ring_.begin(), ring_.end(), 0u);
   total_ = 0;
   start_ = 0;
+  dueUs_ = 0;
   slotLimit_ = false;
 }
 
 void MWPacer::Restart(unsigned long nowMs) {
   Clear();
   start_ = nowMs;
+  dueUs_ = static_cast<unsigned long long>(nowMs) * 1000u;
+}
+
+unsigned long long MWPacer::PktUs(unsigned len) const {
+  return (static_cast<unsigned long long>(len) * 1000000u + bytesPerSecond_ - 1) / bytesPerSecond_;
 }
 
 // A window that is not a multiple of the slot duration leaves a short tail
@@ -81,7 +95,10 @@ int MWPacer::CanSendPkt(unsigned len, unsigned long nowMs, unsigned *waitMs) {
   if (static_cast<std::uint64_t>(total_) + len > windowBytes_)
     ok = false;
   else if (perMs_)
-    ok = static_cast<std::uint64_t>(len) <= static_cast<std::uint64_t>(nowMs - start_) * bytesPerMs_;
+    // The packet goes once the time since the last one was due covers its
+    // bytes. The exact byte rate, not the rounded-up bytes per ms, which runs
+    // up to 10% fast at low rates and lets the window total cut in bursts.
+    ok = static_cast<unsigned long long>(nowMs) * 1000u >= dueUs_ + PktUs(len);
   else
     // A slot takes packets until it holds its budget, so the last one may
     // overrun it by less than a packet: a strict cut would lose up to a
@@ -95,7 +112,7 @@ int MWPacer::CanSendPkt(unsigned len, unsigned long nowMs, unsigned *waitMs) {
 unsigned MWPacer::AdviseWait(unsigned len, unsigned long nowMs, unsigned cur) const {
   if (perMs_) {
     std::uint64_t need = len / bytesPerMs_;
-    std::uint64_t elapsed = nowMs - start_;
+    std::uint64_t elapsed = nowMs - dueUs_ / 1000u;
     return need > elapsed ? static_cast<unsigned>(need - elapsed) : 0u;
   }
   // The k newest slots plus the packet exceed the window: the k-th newest
@@ -122,4 +139,10 @@ void MWPacer::Count(unsigned len, unsigned long nowMs) {
   total_ += len;
   start_ = nowMs;
   slotLimit_ = true;
+  // The next packet is measured from when this one was due. Never from later
+  // than now (a packet let through by a restart runs no debt), and never from
+  // more than kLateUs before now, so a stall is not made up in a burst.
+  unsigned long long const nowUs = static_cast<unsigned long long>(nowMs) * 1000u;
+  unsigned long long const due = dueUs_ + PktUs(len);
+  dueUs_ = std::clamp(due, nowUs >= kLateUs ? nowUs - kLateUs : 0ull, nowUs);
 }

@@ -15,6 +15,10 @@
 // ring is consulted; a check a whole window (or more) after it, or before
 // it (the tick count went back), restarts the ring. See docs/multiwriter.md.
 //
+// Per-millisecond pacing measures from the time the last packet was due
+// (dueUs_), not from when it actually left, so tick rounding and late
+// wake-ups do not add up into a rate shortfall.
+//
 // No lock: the owner serialises every call (SockMWBuffs holds its main lock).
 // Times are milliseconds of the caller's clock, passed in explicitly.
 #pragma once
@@ -70,11 +74,15 @@ private:
   unsigned SlotOf(unsigned long t) const;
   unsigned Prev(unsigned i) const { return i == 0 ? Slots() - 1 : i - 1; }
   unsigned AdviseWait(unsigned len, unsigned long nowMs, unsigned cur) const;
+  // Microseconds len bytes take at the exact byte rate.
+  unsigned long long PktUs(unsigned len) const;
 
   std::vector<unsigned> ring_;
   unsigned total_ = 0;
   unsigned long start_ = 0;
   bool slotLimit_ = false;
+  // Per-ms pacing: when the last packet was due, in microseconds.
+  unsigned long long dueUs_ = 0;
   bool const perMs_;
   unsigned long windowMs_;
   unsigned long slotMs_ = 0;

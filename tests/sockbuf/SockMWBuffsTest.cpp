@@ -4,6 +4,7 @@
 
 #include "platform/Clock.h"
 #include "socket/SendQueue.h"
+#include "../socket/NetnsSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -286,6 +287,61 @@ TEST(SockMWBuffsLoopback, UnpacedUdpSendsEachPacketAsADatagram) {
   ::close(fd);
 }
 
+// Multicast only inside a namespace of the test's own: a veth pair (both
+// ends inside) carries the group route, and the sender's own copy comes back
+// through multicast loop.
+TEST(SockMWBuffsMulticast, GroupUrlSendsDatagramsWithTheStreamTtl) {
+  NSTEST_REQUIRE_NETNS();
+  nstest::Netns ns("mc");
+  ASSERT_TRUE(ns.ok());
+  std::string const dev = nstest::Netns::Ifname("d");
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "link add " + dev + " type veth peer name " + dev + "p"));
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "link set " + dev + "p up"));
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "addr add 10.231.18.1/24 dev " + dev));
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "link set " + dev + " up multicast on"));
+  ASSERT_TRUE(nstest::RunOk(ns.ip() + "route add 224.0.0.0/4 dev " + dev));
+  ASSERT_TRUE(ns.RunIn([] {
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    socklen_t alen = sizeof a;
+    ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a));
+    ASSERT_EQ(0, ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &alen));
+    ip_mreq m{};
+    ::inet_pton(AF_INET, "239.231.18.1", &m.imr_multiaddr);
+    ::inet_pton(AF_INET, "10.231.18.1", &m.imr_interface);
+    ASSERT_EQ(0, ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m));
+    int on = 1;
+    ASSERT_EQ(0, ::setsockopt(fd, IPPROTO_IP, IP_RECVTTL, &on, sizeof on));
+
+    SockMWBuffs mw(0, 0, 0, 0, 0, 0, nullptr, nullptr, 0, 0, 0);
+    ASSERT_EQ(1, mw.SetUrl(("udp://@239.231.18.1:" + std::to_string(ntohs(a.sin_port))).c_str()));
+    ASSERT_EQ(1, mw.OpenUrl());
+    for (unsigned i = 0; i < 10; ++i)
+      ASSERT_EQ(1, mw.write(Packet(i, 300).data(), 312));
+    for (unsigned i = 0; i < 10; ++i) {
+      char buf[2000];
+      char ctl[CMSG_SPACE(sizeof(int))];
+      iovec iov{buf, sizeof buf};
+      msghdr msg{};
+      msg.msg_iov = &iov;
+      msg.msg_iovlen = 1;
+      msg.msg_control = ctl;
+      msg.msg_controllen = sizeof ctl;
+      ASSERT_TRUE(Readable(fd));
+      ASSERT_EQ(312, ::recvmsg(fd, &msg, 0));
+      EXPECT_EQ(i, SeqOf(buf));
+      cmsghdr *c = CMSG_FIRSTHDR(&msg);
+      ASSERT_NE(nullptr, c);
+      int ttl = 0;
+      std::memcpy(&ttl, CMSG_DATA(c), sizeof ttl);
+      EXPECT_EQ(8, ttl);  // not the system's default of 1
+    }
+    ::close(fd);
+  }));
+}
+
 TEST(SockMWBuffsPing, RulesOfSilenceAndOfTheWindowStart) {
   ManualClock clock;
   ScopedClockSource use(clock);
@@ -339,6 +395,99 @@ TEST(SockMWBuffsPing, SilentPeerIsReconnected) {
   for (int fd : peers)
     ::close(fd);
   ::close(lfd);
+}
+
+}  // namespace
+
+namespace {
+
+// A long-form packet: 32-bit length at 8, type and flag bytes at 12 and 13.
+std::vector<unsigned char> LongPacket(unsigned seq, unsigned payload, unsigned lengthField) {
+  std::vector<unsigned char> p(14 + payload);
+  for (unsigned i = 0; i < p.size(); ++i)
+    p[i] = static_cast<unsigned char>(0x40 + i);
+  for (int i = 0; i < 4; ++i) {
+    p[i] = static_cast<unsigned char>(0x11 * (i + 1));
+    p[4 + i] = static_cast<unsigned char>(seq >> (8 * i));
+    p[8 + i] = static_cast<unsigned char>(lengthField >> (8 * i));
+  }
+  p[12] = 0x05;
+  p[13] = 0x10;
+  return p;
+}
+
+void ExpectShortForm(unsigned char const *s, std::vector<unsigned char> const &longPkt, unsigned payload) {
+  unsigned char const want[12] = {0x11, 0x22, 0x33, 0x44, longPkt[4], longPkt[5], longPkt[6], longPkt[7],
+                                  static_cast<unsigned char>(payload), static_cast<unsigned char>(payload >> 8),
+                                  0x05, 0x10};
+  EXPECT_EQ(0, std::memcmp(want, s, 12));
+  EXPECT_EQ(0, std::memcmp(longPkt.data() + 14, s + 12, payload));
+}
+
+TEST(SockMWBuffsPacketForm, ConvertPktMapsTheLongHeaderOntoTheShortOne) {
+  unsigned const payload = 300;  // length above 255: both length bytes matter
+  auto const in = LongPacket(0x01020304, payload, payload);
+  std::vector<unsigned char> out(12 + payload);
+  ASSERT_EQ(12u + payload, SockMWBuffs::ConvertPkt(in.data(), static_cast<unsigned>(in.size()), out.data(),
+                                                   static_cast<unsigned>(out.size())));
+  ExpectShortForm(out.data(), in, payload);
+
+  // In place: the short form is written over the long one.
+  auto inPlace = in;
+  ASSERT_EQ(12u + payload, SockMWBuffs::ConvertPkt(inPlace.data(), static_cast<unsigned>(inPlace.size()),
+                                                   inPlace.data(), static_cast<unsigned>(inPlace.size())));
+  ExpectShortForm(inPlace.data(), in, payload);
+
+  // Bytes beyond the length field are not part of the packet.
+  auto padded = LongPacket(9, 40, 20);
+  EXPECT_EQ(32u, SockMWBuffs::ConvertPkt(padded.data(), static_cast<unsigned>(padded.size()), out.data(), 32));
+}
+
+TEST(SockMWBuffsPacketForm, ConvertPktRefusesWhatDoesNotFit) {
+  std::vector<unsigned char> out(0x10000 + 64);
+  unsigned const cap = static_cast<unsigned>(out.size());
+  auto ok = LongPacket(1, 100, 100);
+  unsigned const n = static_cast<unsigned>(ok.size());
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(ok.data(), 13, out.data(), cap));         // shorter than a header
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(ok.data(), n - 1, out.data(), cap));      // length beyond the bytes
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(ok.data(), n, out.data(), 12 + 99));      // output one byte short
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(nullptr, n, out.data(), cap));
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(ok.data(), n, nullptr, cap));
+  // A payload the 16-bit field cannot count, and a length that would wrap.
+  auto big = LongPacket(2, 0x10000, 0x10000);
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(big.data(), static_cast<unsigned>(big.size()), out.data(), cap));
+  auto wrap = LongPacket(3, 10, 0xFFFFFFFFu);
+  EXPECT_EQ(0u, SockMWBuffs::ConvertPkt(wrap.data(), static_cast<unsigned>(wrap.size()), out.data(), cap));
+}
+
+TEST(SockMWBuffsPacketForm, AdjustPktDatalenCountsThePayloadOnly) {
+  RecordingSink sink;
+  SockMWBuffs mw(0, 0, 0, 0, 0, 0, nullptr, &sink, 0, 0, 0);
+  ASSERT_EQ(1, mw.IsDatalenPayloadOnly());
+  // A packet built with a wrong length field is fixed up and then sent whole.
+  auto pkt = Packet(5, 300);
+  pkt[8] = pkt[9] = 0;
+  auto const before = pkt;
+  ASSERT_EQ(1, SockMWBuffs::AdjustPktDatalen(pkt.data(), 312));
+  EXPECT_EQ(0x2C, static_cast<unsigned char>(pkt[8]));
+  EXPECT_EQ(0x01, static_cast<unsigned char>(pkt[9]));
+  pkt[8] = pkt[9] = 0;
+  EXPECT_EQ(before, pkt);  // nothing else touched
+  ASSERT_EQ(1, SockMWBuffs::AdjustPktDatalen(pkt.data(), 312));
+  ASSERT_EQ(1, mw.write(pkt.data(), 312));
+  auto const got = sink.WaitFor(1);
+  ASSERT_EQ(1u, got.size());
+  EXPECT_EQ(pkt, got[0]);
+
+  // Header alone, and the largest payload the field counts.
+  std::vector<char> big(12 + 0x10000);
+  EXPECT_EQ(1, SockMWBuffs::AdjustPktDatalen(big.data(), 12));
+  EXPECT_EQ(0, big[8] | big[9]);
+  EXPECT_EQ(1, SockMWBuffs::AdjustPktDatalen(big.data(), 12 + 0xFFFF));
+  EXPECT_EQ(-1, big[8] & big[9]);
+  EXPECT_EQ(0, SockMWBuffs::AdjustPktDatalen(big.data(), 12 + 0x10000));
+  EXPECT_EQ(0, SockMWBuffs::AdjustPktDatalen(big.data(), 11));
+  EXPECT_EQ(0, SockMWBuffs::AdjustPktDatalen(nullptr, 100));
 }
 
 }  // namespace
