@@ -43,7 +43,14 @@
 #include "socket/TxtBuf_reg.h"
 
 // sockbuf
+#include "sockbuf/BufVectorReg.h"
+#include "sockbuf/ISockBufOwner.h"
 #include "sockbuf/ISockBuff.h"
+#include "sockbuf/IndexStr.h"
+#include "sockbuf/SockBufVect.h"
+#include "sockbuf/SockBuf_defrag.h"
+#include "sockbuf/SockBuf_reg.h"
+#include "sockbuf/SockBuf_reg2.h"
 #include "sockbuf/SockUrl.h"
 
 // server

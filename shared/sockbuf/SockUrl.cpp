@@ -79,7 +79,7 @@ int SockUrl::Parse(char const* url) {
     parsed.kind = kTcp;
   } else if (StartsWithNoCase(url, "udp://@", &rest)) {
     if (!SplitHostPort(rest, parsed.host, &parsed.port)) return 0;
-    if (!IsMulticastGroup(parsed.host) || parsed.port == 0) return 0;
+    if (!IsMulticastGroup(parsed.host)) return 0;
     parsed.kind = kUdpMulticast;
   } else if (StartsWithNoCase(url, "udp://", &rest)) {
     if (!SplitHostPort(rest, parsed.host, &parsed.port)) return 0;

@@ -5,8 +5,9 @@
 //                             at a time; port 0 picks a free port
 //   udp://host:port           datagrams: a reader binds host:port (port 0 picks
 //                             one), a writer sends to host:port
-//   udp://@group:port         multicast: a reader joins group, a writer sends
-//                             to it; group is a dotted address in 224/4
+//   udp://@group:port         multicast: a reader joins group (port 0 picks
+//                             one), a writer sends to it; group is a dotted
+//                             address in 224/4
 //   file://path               a recording file (file:///tmp/a.rec is /tmp/a.rec)
 //
 // The scheme is case-insensitive; anything else is refused. Hosts are names
