@@ -47,10 +47,12 @@
 #include "sockbuf/ISockBufOwner.h"
 #include "sockbuf/ISockBuff.h"
 #include "sockbuf/IndexStr.h"
+#include "sockbuf/MWPacer.h"
 #include "sockbuf/SockBufVect.h"
 #include "sockbuf/SockBuf_defrag.h"
 #include "sockbuf/SockBuf_reg.h"
 #include "sockbuf/SockBuf_reg2.h"
+#include "sockbuf/SockMWBuffs.h"
 #include "sockbuf/SockUrl.h"
 
 // server

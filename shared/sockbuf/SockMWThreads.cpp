@@ -1,0 +1,210 @@
+// The three threads of SockMWBuffs, and stopping them.
+#include "sockbuf/SockMWBuffs.h"
+
+#include "media/MediaFrag.h"
+#include "platform/Clock.h"
+#include "platform/SocketApi.h"
+#include "socket/SocketCtrl.h"
+#include "sockbuf/MWPacer.h"
+#include "sockbuf/detail/MWPacketFifo.h"
+#include "thread/Semaphore.h"
+#include "thread/Thread.h"
+
+#include <algorithm>
+#include <vector>
+
+using shared::SemGuard;
+using shared::detail::MWPacketFifo;
+namespace sp = shared::platform;
+
+namespace {
+// Longest sleep of the writer with nothing to send: write wakes it anyway,
+// this only bounds how long a lost wake-up could cost.
+constexpr unsigned kIdleWaitMs = 500;
+}  // namespace
+
+bool SockMWBuffs::Stopping() const {
+  return stop_.load(std::memory_order_acquire) != 0 || aborted_.load(std::memory_order_acquire) != 0;
+}
+
+void SockMWBuffs::Wake() { wake_->Signal(); }
+
+int SockMWBuffs::StartThread(IThread **slot, int (*fn)(IThread *, void *), char const *name) {
+  std::lock_guard<std::mutex> g(threadMutex_);
+  if (!ok_ || Stopping() || *slot)
+    return 0;
+  IThread *t = CreateIThread(fn, this, 0, name);
+  if (!t)
+    return 0;
+  *slot = t;
+  t->Resume();
+  return 1;
+}
+
+int SockMWBuffs::StartWriteThread() {
+  return StartThread(&writer_, &SockMWBuffs::WriteThread, "SockMWBuffs: SockMWWrite Thread");
+}
+
+int SockMWBuffs::StartDefragThread() {
+  if (!frag_)
+    return 0;
+  {
+    // From now on write leaves the queue to the thread.
+    SemGuard g(*lock_);
+    if (defragRunning_)
+      return 0;
+    defragRunning_ = true;
+  }
+  if (StartThread(&defrag_, &SockMWBuffs::DefragThread, "SockMWBuffs: Defrag Thread"))
+    return 1;
+  SemGuard g(*lock_);
+  defragRunning_ = false;
+  return 0;
+}
+
+int SockMWBuffs::StartTCPPingThread() {
+  {
+    SemGuard g(*sinkLock_);
+    if (!ctrl_ || !urlSet_ || url_.kind != SockUrl::kTcp)
+      return 0;
+  }
+  pingOn_.store(1, std::memory_order_release);
+  return StartThread(&ping_, &SockMWBuffs::PingThread, "SockMWBuffs: TCP Ping Thread");
+}
+
+void SockMWBuffs::JoinThread(IThread **slot) {
+  IThread *t;
+  {
+    std::lock_guard<std::mutex> g(threadMutex_);
+    t = *slot;
+    *slot = nullptr;
+  }
+  if (!t)
+    return;
+  t->WaitForMe(IThread::kInfinite);
+  delete t;
+}
+
+void SockMWBuffs::Abort() {
+  aborted_.store(1, std::memory_order_release);
+  stop_.store(1, std::memory_order_release);
+  Wake();
+  if (frag_)
+    frag_->GetQueue()->Close();  // releases the defrag thread's blocking read
+  {
+    // Ends a ping read or a send blocked on the connection.
+    std::lock_guard<std::mutex> fd(fdMutex_);
+    if (sock_ != SocketCtrl::kNoSocket)
+      sp::SockShutdown(sock_, 2);
+  }
+  JoinThread(&writer_);
+  JoinThread(&defrag_);
+  JoinThread(&ping_);
+  SemGuard g(*sinkLock_);
+  CloseOwn();
+}
+
+int SockMWBuffs::WriteThread(IThread *t, void *arg) {
+  t->Register();
+  static_cast<SockMWBuffs *>(arg)->WriteLoop();
+  return 0;
+}
+
+int SockMWBuffs::DefragThread(IThread *t, void *arg) {
+  t->Register();
+  static_cast<SockMWBuffs *>(arg)->DefragLoop();
+  return 0;
+}
+
+int SockMWBuffs::PingThread(IThread *t, void *arg) {
+  t->Register();
+  static_cast<SockMWBuffs *>(arg)->PingLoop();
+  return 0;
+}
+
+// Takes the next packet (audio first) when the pacing lets it go, sends it
+// outside the main lock, and otherwise sleeps on the wake signal for the
+// advised time, never past the next slot boundary (where slots expire).
+void SockMWBuffs::WriteLoop() {
+  while (!Stopping()) {
+    unsigned waitMs = kIdleWaitMs;
+    std::vector<char> pkt;
+    if (!idle_.load(std::memory_order_acquire) && IsOpened()) {
+      bool const queueFull = ctrl_ && ctrl_->isSockSndBufFull(SocketCtrl::kNoSocket);
+      SemGuard g(*lock_);
+      MWPacketFifo *from = audio_ && !audio_->Empty() ? audio_.get() : main_.get();
+      if (!from->Empty()) {
+        unsigned long const now = sp::TickCount();
+        unsigned advice = 0;
+        if (queueFull) {
+          advice = static_cast<unsigned>(pacer_->WindowMs());
+        } else if (pacer_->CanSendPkt(from->FrontSize(), now, &advice)) {
+          pkt = from->Pop();
+          pacer_->Count(static_cast<unsigned>(pkt.size()), now);
+        }
+        if (pkt.empty()) {
+          unsigned long slot = pacer_->SlotMs();
+          unsigned toBoundary = slot ? static_cast<unsigned>(slot - now % slot) : advice;
+          waitMs = std::max(1u, std::min(advice, toBoundary));
+        }
+      }
+    }
+    if (!pkt.empty()) {
+      bool ok = SendToSink(pkt.data(), static_cast<unsigned>(pkt.size()));
+      SemGuard g(*lock_);
+      ok ? ++sent_ : ++sendErrors_;
+      continue;
+    }
+    wake_->SetTimeout(waitMs);
+    wake_->Wait(1);
+  }
+}
+
+void SockMWBuffs::DefragLoop() {
+  std::vector<char> buf(4096);
+  while (!Stopping()) {
+    unsigned n = 0;
+    if (!frag_->GetData(buf.data(), static_cast<unsigned>(buf.size()), &n))
+      continue;
+    SemGuard g(*lock_);
+    main_->Push(buf.data(), n);
+    Wake();
+  }
+}
+
+int SockMWBuffs::VerifyTCPPing() {
+  std::uint32_t const now = sp::TickCount();
+  std::uint32_t const last = lastPing_.load(std::memory_order_acquire);
+  std::uint32_t start;
+  {
+    SemGuard g(*lock_);
+    start = static_cast<std::uint32_t>(pacer_->WindowStart());
+  }
+  // Differences of the wrapping tick count, read as signed.
+  auto const sinceLast = static_cast<std::int32_t>(now - last);
+  auto const startAfterLast = static_cast<std::int32_t>(start - last);
+  bool const recent = sinceLast >= 0 && static_cast<std::uint32_t>(sinceLast) <= kPingSilenceMs;
+  bool const windowOk = startAfterLast <= 0 || static_cast<std::uint32_t>(startAfterLast) <= kPingAfterWindowMs;
+  return recent && windowOk ? 1 : 0;
+}
+
+void SockMWBuffs::PingLoop() {
+  std::vector<char> buf(kPingReadBytes);
+  while (!Stopping()) {
+    if (!IsOpened()) {
+      sp::SleepMs(kReopenDelayMs);
+      if (!Stopping())
+        OpenUrl();
+      continue;
+    }
+    unsigned int from = SocketCtrl::kNoSocket;
+    int n = ctrl_->readall(buf.data(), kPingReadBytes, 0, 1, pingReadSeconds_.load(std::memory_order_relaxed),
+                           &from, nullptr);
+    if (Stopping())
+      break;
+    if (n > 0)
+      lastPing_.store(sp::TickCount(), std::memory_order_release);
+    else if (n < 0 || !VerifyTCPPing())
+      Reconnect();
+  }
+}
