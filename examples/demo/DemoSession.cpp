@@ -27,6 +27,7 @@ constexpr unsigned kDefragMode = 2;     // output: media, first seq, len, type, 
 constexpr unsigned kOutHeader = 20;     // bytes before the frame data in that layout
 constexpr unsigned kTrailerTicks = 25;  // uncounted tail that pushes the last frames out
 constexpr unsigned kSettleSeconds = 10;
+constexpr std::uint32_t kQuietMs = 2000;
 constexpr unsigned kIndexEntries = 1000;  // the reader's index block holds this many
 
 void OpenWindows(SockBuffs &r) {
@@ -211,12 +212,22 @@ LiveResult RunLive(Config const &cfg, IStatusSink &status) {
         return false;
     return mw.GetnBytesInBuffer() == 0;
   };
+  // Gives up early once nothing moved for a while: what is missing then is lost.
   std::uint32_t const settleStart = sp::TickCount();
-  while (!settled() && sp::TickCount() - settleStart < kSettleSeconds * 1000) {
+  std::uint32_t lastProgress = settleStart;
+  unsigned lastCount = 0;
+  while (!settled() && sp::TickCount() - settleStart < kSettleSeconds * 1000 &&
+         sp::TickCount() - lastProgress < kQuietMs) {
     XSleep(20);
     Drain(reader, video, res.video, audio, res.audio);
+    unsigned const count = video.Frames() + audio.Frames();
+    if (count != lastCount || mw.GetnBytesInBuffer() != 0) {
+      lastCount = count;
+      lastProgress = sp::TickCount();
+    }
   }
   res.seconds = (sp::TickCount() - start) / 1000.0;
+  res.mediaEndTs = (ticks + kTrailerTicks - 1) * kAudioEveryMs;
   report("live", sp::TickCount() - start);
 
   for (std::uint32_t f = 0; f < res.video.framesSent; ++f) {

@@ -69,6 +69,7 @@ struct LiveResult {
   unsigned sendFailures = 0;   // fragments the multi-writer refused or dropped
   double kbps = 0;             // received over the whole run
   double seconds = 0;
+  std::uint32_t mediaEndTs = 0;  // time stamp of the last frame recorded
   std::string error;           // set when the session could not run
 };
 

@@ -51,7 +51,7 @@ int main(int argc, char **argv) {
   status.Done();
   demo::PlaybackResult play;
   if (live.error.empty())
-    play = demo::RunPlayback(cfg, cfg.seconds * 1000, status);
+    play = demo::RunPlayback(cfg, live.mediaEndTs, status);
   status.Done();
   demo::PrintSummary(stdout, cfg, live, play);
   return demo::Green(live, play) ? 0 : 1;
