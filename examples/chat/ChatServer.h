@@ -43,7 +43,9 @@ public:
   // listened on, or -1.
   int Listen(int port, char const *addr);
   bool IsOk() const { return srv_ && srv_->IsOk(); }
+  SockSrv &Server() { return *srv_; }
 
+  // Connections that have sent at least one line.
   std::size_t Users() const;
   std::size_t Members(std::string const &channel) const;
 

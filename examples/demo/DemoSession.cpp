@@ -30,11 +30,13 @@ constexpr unsigned kSettleSeconds = 10;
 constexpr std::uint32_t kQuietMs = 2000;
 constexpr unsigned kIndexEntries = 1000;  // the reader's index block holds this many
 
-void OpenWindows(SockBuffs &r) {
-  r.CreateWnd(kVideoWnd, kJitterSize, kWaitCount, 1, kDefragMode, kVideoId, 0);
-  r.CreateWnd(kAudioWnd, kJitterSize, kWaitCount, 1, kDefragMode, kAudioId, 0);
+bool OpenWindows(SockBuffs &r) {
+  if (!r.CreateWnd(kVideoWnd, kJitterSize, kWaitCount, 1, kDefragMode, kVideoId, 0) ||
+      !r.CreateWnd(kAudioWnd, kJitterSize, kWaitCount, 1, kDefragMode, kAudioId, 0))
+    return false;
   r.SetWndBlock(kVideoWnd, 0);
   r.SetWndBlock(kAudioWnd, 0);
+  return true;
 }
 
 // Tallies the frames that come out of one window of the reader.
@@ -146,8 +148,7 @@ LiveResult RunLive(Config const &cfg, IStatusSink &status) {
     res.error = "reader cannot use " + url;
     return res;
   }
-  OpenWindows(reader);
-  if (!reader.Play() || reader.GetPort() == 0) {
+  if (!OpenWindows(reader) || !reader.Play() || reader.GetPort() == 0) {
     res.error = "reader cannot open " + url;
     return res;
   }
@@ -264,8 +265,7 @@ PlaybackResult RunPlayback(Config const &cfg, std::uint32_t mediaEndTs, IStatusS
     return res;
   }
   player.SetReadOffset(cfg.seekPercent);
-  OpenWindows(player);
-  if (!player.Play()) {
+  if (!OpenWindows(player) || !player.Play()) {
     res.error = "cannot play " + cfg.output;
     return res;
   }

@@ -2,6 +2,7 @@
 // registration, channels, private messages, error replies and leaving.
 #include "ChatServer.h"
 
+#include "platform/Clock.h"
 #include "server/ServerTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +13,8 @@
 namespace {
 
 using namespace srvtest;
+
+namespace sp = shared::platform;
 
 class Chat : public ::testing::Test {
 protected:
@@ -139,6 +142,52 @@ TEST_F(Chat, LeavingTellsChannelMatesAndFreesTheNick) {
   int again = Login("alice");  // the nick is free again
   Say(bob, "PRIVMSG alice :welcome back");
   Expect(again, {":bob PRIVMSG alice :welcome back"});
+}
+
+// The idle policy on the test clock: silent users are pinged at 15 s, an
+// answer keeps a user, and one that never answers is dropped at 30 s with
+// its channel mates told.
+TEST(ChatIdle, SilentUsersArePingedAndDroppedAnswerersStay) {
+  sp::ManualClock clock(1700000000, 1000, false);
+  sp::ScopedClockSource use(clock);
+  std::vector<int> fds;
+  struct Closer {
+    std::vector<int> &fds;
+    ~Closer() {
+      for (int fd : fds)
+        ::close(fd);
+    }
+  } closer{fds};
+  examples::ChatServer chat;
+  int const port = chat.Listen(0, "127.0.0.1");
+  ASSERT_GT(port, 0);
+  auto say = [](int fd, std::string const &l) { ASSERT_TRUE(SendAll(fd, l + "\r\n")); };
+  auto expect = [](int fd, std::string const &l) { EXPECT_EQ(ReadBytes(fd, l.size() + 2), l + "\r\n"); };
+  for (char const *nick : {"alice", "bob"}) {
+    fds.push_back(Dial(port));
+    ASSERT_GE(fds.back(), 0);
+    say(fds.back(), std::string("NICK ") + nick + "\r\nJOIN #room");
+    expect(fds.back(), std::string("001 ") + nick + " :Welcome to the chat");
+  }
+  int const alice = fds[0], bob = fds[1];
+  expect(alice, ":alice JOIN #room");
+  expect(alice, ":bob JOIN #room");
+  expect(bob, ":bob JOIN #room");
+
+  clock.Advance(16000);
+  chat.Server().VerifyIdleUsers();
+  expect(alice, "PING :chat");
+  expect(bob, "PING :chat");
+  say(bob, "PONG :chat");
+  say(bob, "PING sync");  // answered after the PONG was taken
+  expect(bob, "PONG sync");
+
+  clock.Advance(15000);  // alice silent 31 s, bob 15 s
+  chat.Server().VerifyIdleUsers();
+  EXPECT_TRUE(PeerClosed(alice));
+  expect(bob, ":alice QUIT :Connection closed");
+  expect(bob, "PING :chat");
+  EXPECT_EQ(chat.Members("#room"), 1u);
 }
 
 }  // namespace
