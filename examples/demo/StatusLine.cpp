@@ -3,9 +3,10 @@
 namespace demo {
 
 void StatusLine::Live(LiveStatus const &s) {
+  // Kept near 80 columns so a redrawn line does not wrap.
   char line[256];
   std::snprintf(line, sizeof line,
-                "[%-8s %5.1fs] %6.1f/%u kbit/s  sent %6u  recv %6u  lost %4u  reordered %4u  buffer %5.0f ms",
+                "%s %.1fs  %.0f/%u kbit/s  out %u pkt  in %u frames  lost %u  reord %u  sendbuf %.0f ms",
                 s.phase, s.elapsedSeconds, s.kbps, s.target, s.sent, s.received, s.lost, s.reordered,
                 s.bufferedMs);
   if (terminal_) {
