@@ -28,12 +28,11 @@ bool ValidName(std::string const &name, bool channel) {
 
 }  // namespace
 
-ChatServer::ChatServer() : commands_(srvcmd_vet) {
-  srv_ = std::make_unique<SockSrv>(this, nullptr, 65535, 1, "chat");
-}
+ChatServer::ChatServer() : commands_(srvcmd_vet), srv_(new SockSrv(this, nullptr, 65535, 1, "chat")) {}
 
-// The server goes first: its thread is the only caller of the callbacks.
-ChatServer::~ChatServer() { srv_.reset(); }
+// The server goes first (its destructor joins the thread that calls back),
+// while the state it calls into still exists.
+ChatServer::~ChatServer() { delete srv_; }
 
 int ChatServer::Listen(int port, char const *addr) {
   if (!IsOk())

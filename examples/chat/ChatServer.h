@@ -42,7 +42,7 @@ public:
   // Listens on addr:port; port 0 lets the system pick. Returns the port
   // listened on, or -1.
   int Listen(int port, char const *addr);
-  bool IsOk() const { return srv_ && srv_->IsOk(); }
+  bool IsOk() const { return srv_->IsOk(); }
   SockSrv &Server() { return *srv_; }
 
   // Connections that have sent at least one line.
@@ -75,7 +75,9 @@ private:
   void ToChannelMates(Client const &c, std::string const &line, unsigned skip);
 
   Hash_cmd commands_;
-  std::unique_ptr<SockSrv> srv_;
+  // Owned. A plain pointer that never changes after construction: the
+  // server thread reads it in callbacks until the destructor's join.
+  SockSrv *const srv_;
   mutable std::mutex state_;
   std::map<unsigned, Client> clients_;                      // guarded by state_
   std::map<std::string, unsigned> nicks_;                   // folded nick -> socket; state_

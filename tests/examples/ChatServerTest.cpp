@@ -121,11 +121,14 @@ TEST_F(Chat, LeavingTellsChannelMatesAndFreesTheNick) {
   int alice = Login("alice");
   int bob = Login("bob");
   int carol = Login("carol");
-  for (int fd : {alice, bob, carol})
-    Say(fd, "JOIN #room");
-  Expect(alice, {":alice JOIN #room", ":bob JOIN #room", ":carol JOIN #room"});
-  Expect(bob, {":bob JOIN #room", ":carol JOIN #room"});
+  Say(alice, "JOIN #room");
+  Expect(alice, {":alice JOIN #room"});
+  Say(bob, "JOIN #room");
+  Expect(bob, {":bob JOIN #room"});
+  Say(carol, "JOIN #room");
   Expect(carol, {":carol JOIN #room"});
+  Expect(alice, {":bob JOIN #room", ":carol JOIN #room"});
+  Expect(bob, {":carol JOIN #room"});
 
   Say(alice, "QUIT :gone fishing");
   Expect(alice, {"ERROR :Closing link"});
