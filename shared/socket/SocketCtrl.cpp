@@ -5,6 +5,7 @@
 #include "platform/Readiness.h"
 #include "platform/SocketApi.h"
 #include "socket/FdCtrl.h"
+#include "socket/PassReplies.h"
 #include "socket/SendQueue.h"
 #include "socket/SocketPrimitives.h"
 #include "socket/TxtBuf_reg.h"
@@ -140,7 +141,10 @@ SocketCtrl::SocketCtrl(SendQueue *queue, int ownerFlag, unsigned int rcvBufSize,
     demux_ = InitSockEventsWrapper(linuxMode ? 9 : 1, this, name_);
     WatchWakeFd();
   }
-  rxBuf_.resize(rcvBufSize_);
+  // One spare byte: a binary-mode callback handed a full buffer may end it
+  // with a NUL at data[len].
+  rxBuf_.resize(static_cast<std::size_t>(rcvBufSize_) + 1);
+  replies_ = std::make_unique<shared::socket::detail::PassReplies>(&SendGathered, this);
   lineBuf_.resize(kMaxLine + 1);
 }
 
@@ -237,6 +241,16 @@ void SocketCtrl::WatchWakeFd() {
 
 void SocketCtrl::Wake() {
   if (!inWait_.load(std::memory_order_acquire))
+    return;
+  wake_.Signal();
+  wakes_.fetch_add(1, std::memory_order_release);
+}
+
+// Unlike Wake, signals even outside a wait: the caller may have changed
+// something the pass thread looks at between passes (a clock, a flag), and
+// the next wait must not sleep through it.
+void SocketCtrl::WakeUp() {
+  if (!wake_.IsOpen())
     return;
   wake_.Signal();
   wakes_.fetch_add(1, std::memory_order_release);
@@ -608,6 +622,8 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
   waiting_ = false;
   ApplyDemuxChanges();
   busy_ = 1;
+  if (!udp)
+    walker_.store(std::this_thread::get_id(), std::memory_order_release);
   if (n < 0)
     ForgetClosedBehindUs();
   if (n >= 0) {
@@ -618,6 +634,7 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
          s = demux_->nextEvent(&events, nullptr, nullptr)) {
       if (!active_->isset(s) || IsClosePending(s))
         continue;  // the wake-up descriptor, or closed or marked earlier in this pass
+      FlushAllGathered();  // the replies to the socket served before leave together
       if (listen_->isset(s))
         AcceptSocket(s, cb);
       else if (udp)
@@ -627,8 +644,12 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
       if (cb.maxEvents > 0 && ++served >= cb.maxEvents)
         break;
     }
+    FlushAllGathered();
     ProcessDraining(cb);
   }
+  // Replies go out before their sockets are closed, as direct writes would.
+  FlushAllGathered();
+  walker_.store(std::thread::id{}, std::memory_order_release);
   ProcessCloseSSocks();
   busy_ = 0;
   return n < 0 ? -1 : 1;
@@ -817,6 +838,7 @@ void SocketCtrl::PeerFinished(SOCKET s, Callbacks const &cb) {
         return;
     }
   }
+  FlushGathered(s);  // replies to the last lines may still go to the queue
   if (queue_ && queue_->HasData(s) && CanSendData(s)) {
     DemuxClr(s);  // nothing more to read: an end of stream would wake every wait
     draining_[s] = sp::TickCount();
@@ -1143,6 +1165,11 @@ int SocketCtrl::write(char const *buf, unsigned int n, unsigned int sock, int al
   if (!buf || n == 0 || s == kNone || !CanSendData(s))
     return -1;
   int dgram = datagram == -1 ? IsUDP() : datagram;
+  if (OnWalkThread()) {
+    if (Gatherable(s, all, markError, dgram))
+      return replies_->Add(s, buf, n, retry != 0) ? static_cast<int>(n) : -1;
+    FlushGathered(s);  // bytes gathered earlier go first
+  }
   SockOptions o;
   if (!GetSockOptions(s, &o))
     return _write(buf, n, s, 0, all, markError, 0, nullptr, dgram, retry, to);
@@ -1159,6 +1186,39 @@ int SocketCtrl::write(char const *buf, unsigned int n, unsigned int sock, int al
   if (o.Accounting())
     SettleAllowance(s, reserved, sent > 0 ? static_cast<unsigned>(sent) : 0, now);
   return sent;
+}
+
+// Text-mode controllers carry line protocols over TCP, where a callback's
+// replies can be glued without changing what the peer reads. Sockets with
+// send options (queue, rate) keep their per-message rules, so they are not
+// gathered; neither are datagrams nor foreign or listening descriptors.
+bool SocketCtrl::Gatherable(SOCKET s, int all, int markError, int dgram) {
+  if (!all || !markError || dgram || !IsTxtMode() || IsUDP())
+    return false;
+  if (!active_->isset(s) || listen_->isset(s))  // lock_ is held by the walk
+    return false;
+  SemGuard og(*optLock_);
+  return options_.find(s) == options_.end();
+}
+
+bool SocketCtrl::SendGathered(void *self, std::uint32_t sock, char const *data, unsigned len, bool retry) {
+  auto *c = static_cast<SocketCtrl *>(self);
+  int const sent = c->_write(data, len, sock, 0, 1, 1, 0, nullptr, 0, retry ? 1 : 0, nullptr);
+  if (sent == static_cast<int>(len))
+    return true;
+  // The writers were told their bytes went out: the socket cannot go on.
+  c->MarkWriteError(sock);
+  return false;
+}
+
+void SocketCtrl::FlushGathered(SOCKET s) {
+  if (!replies_->Empty() && OnWalkThread())
+    replies_->Flush(s);
+}
+
+void SocketCtrl::FlushAllGathered() {
+  if (!replies_->Empty())
+    replies_->FlushAll();
 }
 
 // A queued socket's bytes leave in order and each message whole: the queue's
@@ -1469,6 +1529,7 @@ int SocketCtrl::RemoveActiveSock(unsigned int sock, int lock, int keepClosePendi
     lock_->Wait(1);
   int was = active_->isset(s) ? 1 : 0;
   if (was) {
+    FlushGathered(s);  // written before the removal: they leave first
     ForgetSendState(s);
     ForgetDraining(s);
     closedSincePause_ = true;
