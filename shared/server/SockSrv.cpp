@@ -455,7 +455,9 @@ int SockSrv::SendNow(char const *data, unsigned len, unsigned sock, bool line) {
   int const retry = OnServerThread() ? 0 : 1;
   int sent;
   if (line) {
-    std::string text(data, len);
+    // One buffer per thread, kept: replies allocate nothing once it grew.
+    thread_local std::string text;
+    text.assign(data, len);
     text.append("\r\n", 2);
     sent = ctrl_->write(text.data(), static_cast<unsigned>(text.size()), sock, 1, 1, 0, retry, nullptr);
     len = static_cast<unsigned>(text.size());

@@ -680,6 +680,7 @@ void SocketCtrl::ProcessWriteError(Callbacks const &cb, bool udp) {
     if (!active_->isset(s) || listen_->isset(s)) {
       std::lock_guard<std::mutex> m(markLock_);
       writeError_->clr(s);
+      NoteMarks();
       continue;
     }
     if (cb.obj) {
@@ -917,6 +918,7 @@ void SocketCtrl::ProcessCloseSSocks() {
   std::lock_guard<std::mutex> m(markLock_);
   for (SOCKET s : pending)
     closePending_->clr(s);
+  NoteMarks();
 }
 
 int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, long timeout, unsigned int *outSock,
@@ -1197,6 +1199,8 @@ bool SocketCtrl::Gatherable(SOCKET s, int all, int markError, int dgram) {
     return false;
   if (!active_->isset(s) || listen_->isset(s))  // lock_ is held by the walk
     return false;
+  if (optionCount_.load(std::memory_order_acquire) == 0)
+    return true;
   SemGuard og(*optLock_);
   return options_.find(s) == options_.end();
 }
@@ -1227,7 +1231,9 @@ void SocketCtrl::FlushAllGathered() {
 // never waits (a full socket only means the rest is queued).
 int SocketCtrl::WriteQueued(char const *buf, unsigned n, SOCKET s, int markError) {
   SendQueue::Hold hold(*queue_);
-  queue_->SendQueuedData(0, s);
+  // Older bytes go first; with none queued the message goes straight out.
+  if (queue_->HasData(s))
+    queue_->SendQueuedData(0, s);
   if (queue_->HasData(s))
     return static_cast<int>(EnqueueData(s, buf, n));
   std::int64_t const now = sp::NowSeconds();
@@ -1286,7 +1292,9 @@ int SocketCtrl::writeLine(char const *text, unsigned int sock, EolFormat eol) {
   if (!text)
     return 0;
   std::size_t len = std::min<std::size_t>(std::strlen(text), kMaxLine);
-  std::vector<char> line(text, text + len);
+  // One buffer per thread, kept: a steady stream of lines allocates nothing.
+  thread_local std::vector<char> line;
+  line.assign(text, text + len);
   if (eol == EOL_CRLF)
     line.push_back('\r');
   line.push_back('\n');
@@ -1329,6 +1337,7 @@ void SocketCtrl::MarkWriteError(SOCKET s) {
     if (writeError_->isset(s))
       return;
     writeError_->set(s);
+    NoteMarks();
   }
   Wake();  // the close is due at the start of the next pass, not seconds later
 }
@@ -1337,6 +1346,8 @@ int SocketCtrl::CanSendData(unsigned int sock) {
   SOCKET s = Resolve(sock);
   if (s == kNone)
     return 0;
+  if (marks_.load(std::memory_order_acquire) == 0)
+    return 1;  // the common case takes no lock
   std::lock_guard<std::mutex> m(markLock_);
   return writeError_->isset(s) || closePending_->isset(s) ? 0 : 1;
 }
@@ -1382,6 +1393,7 @@ int SocketCtrl::SetMaxSendQueue(unsigned int maxBytes, int framed, unsigned int 
     return 0;
   SemGuard g(*optLock_);
   SockOptions &o = options_[s];
+  NoteOptions();
   o.maxQueue = maxBytes;
   o.framed = framed ? 1 : 0;
   return 1;
@@ -1393,6 +1405,7 @@ int SocketCtrl::SetBytesCount(int on, unsigned int bytesPerSecond, unsigned int 
     return 0;
   SemGuard g(*optLock_);
   SockOptions &o = options_[s];
+  NoteOptions();
   o.countOn = (on || bytesPerSecond) ? 1 : 0;
   o.rateLimit = bytesPerSecond;
   o.countStart = 0;
@@ -1423,12 +1436,21 @@ unsigned int SocketCtrl::GetBitRate(int reset, unsigned int sock) {
   return bits > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<unsigned>(bits);
 }
 
+void SocketCtrl::NoteMarks() {
+  marks_.store(static_cast<unsigned>(writeError_->count() + closePending_->count()), std::memory_order_release);
+}
+
+void SocketCtrl::NoteOptions() { optionCount_.store(static_cast<unsigned>(options_.size()), std::memory_order_release); }
+
 void SocketCtrl::InitSockOptVector() {
   SemGuard g(*optLock_);
   options_.clear();
+  NoteOptions();
 }
 
 int SocketCtrl::GetSockOptions(unsigned int sock, SockOptions *out) {
+  if (optionCount_.load(std::memory_order_acquire) == 0)
+    return 0;  // no record anywhere: no lock for the common write
   SemGuard g(*optLock_);
   auto it = options_.find(sock);
   if (it == options_.end())
@@ -1443,6 +1465,7 @@ int SocketCtrl::UpdateSockOptions(unsigned int sock, SockOptions const *opts) {
     return 0;
   SemGuard g(*optLock_);
   options_[sock] = *opts;
+  NoteOptions();
   return 1;
 }
 
@@ -1517,6 +1540,7 @@ void SocketCtrl::closeSSock(unsigned int sock) {
     if (closePending_->isset(s))
       return;
     closePending_->set(s);
+    NoteMarks();
   }
   Wake();
 }
@@ -1542,6 +1566,7 @@ int SocketCtrl::RemoveActiveSock(unsigned int sock, int lock, int keepClosePendi
         closePending_->clr(s);
       if (!keepWriteError)
         writeError_->clr(s);
+      NoteMarks();
     }
     if (s == GetMasterSocket()) {
       master_.store(kNone, std::memory_order_release);
@@ -1574,7 +1599,9 @@ int SocketCtrl::close(unsigned int sock, int defer) {
   {
     std::lock_guard<std::mutex> m(markLock_);
     closePending_->clr(sock);
+    NoteMarks();
     writeError_->clr(sock);
+    NoteMarks();
   }
   return 1;
 }
@@ -1598,6 +1625,7 @@ void SocketCtrl::ForgetSendState(SOCKET s) {
     queue_->EraseFor(s, this);
   SemGuard og(*optLock_);
   options_.erase(s);
+  NoteOptions();
 }
 
 // Closes a socket that is in no set (a connection left in progress, for
@@ -1644,7 +1672,9 @@ void SocketCtrl::CloseAll() {
   {
     std::lock_guard<std::mutex> m(markLock_);
     closePending_->zero();
+    NoteMarks();
     writeError_->zero();
+    NoteMarks();
   }
   master_.store(kNone, std::memory_order_release);
   masterRdy_.store(0, std::memory_order_release);
@@ -1664,6 +1694,7 @@ void SocketCtrl::ResetActiveSocks() {
     SemGuard og(*optLock_);
     for (SOCKET s : all)
       options_.erase(s);
+    NoteOptions();
   }
   active_->zero();
   listen_->zero();

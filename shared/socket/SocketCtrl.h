@@ -415,6 +415,8 @@ private:
   unsigned ReserveAllowance(SOCKET s, unsigned n, std::int64_t now);
   void SettleAllowance(SOCKET s, unsigned reserved, unsigned sent, std::int64_t now);
   void ForgetSendState(SOCKET s);
+  void NoteMarks();    // markLock_ held: publishes the number of marks
+  void NoteOptions();  // optLock_ held: publishes the number of option records
   int CloseUnlisted(SOCKET s);
   SOCKET Resolve(unsigned int sock) const;
   bool IsClosePending(SOCKET s);
@@ -459,6 +461,10 @@ private:
   _SEMAPHORE *lock_ = nullptr;
   _SEMAPHORE *optLock_ = nullptr;
   std::mutex markLock_;
+  // Lock-free views for the write fast path: zero means no socket has a mark
+  // (or an option record), so the common write takes neither lock.
+  std::atomic<unsigned> marks_{0};        // written under markLock_
+  std::atomic<unsigned> optionCount_{0};  // written under optLock_
   class PassGuard;
   std::recursive_mutex passMutex_;          // one pass (wait + walk) at a time
   int passDepth_ = 0;                       // guarded by passMutex_: passes of the holding thread
