@@ -94,34 +94,51 @@ int so_read(char *buf, unsigned len, sockaddr_in *from, SOCKET s, int readAll) {
   }
 }
 
+// Reads in blocks without taking a byte past the line: each step peeks what
+// has arrived into the caller's buffer, then consumes exactly the part that
+// belongs to the line (and its end).
 int so_readLine(char *buf, unsigned size, SOCKET s) {
   if (buf == nullptr || size == 0 || s == INVALID_SOCKET)
     return 0;
   unsigned n = 0;
   for (;;) {
-    if (n >= size - 1) {  // long line: cut here, the rest stays in the socket
+    unsigned const room = size - 1 - n;
+    if (room == 0) {  // long line: cut here, the rest stays in the socket
       buf[n] = '\0';
       return 1;
     }
-    char c = 0;
-    if (sp::SockRecv(s, &c, 1) <= 0) {
+    int const got = sp::SockRecv(s, buf + n, room, true);
+    if (got <= 0) {
       buf[n] = '\0';
       return 0;
     }
-    if (c == '\n') {
-      buf[n] = '\0';
-      return 1;
+    char *const seen = buf + n;
+    unsigned i = 0;
+    while (i < static_cast<unsigned>(got) && seen[i] != '\n' && seen[i] != '\r')
+      ++i;
+    if (i == static_cast<unsigned>(got)) {  // no line end yet: take it all
+      if (sp::SockRecv(s, seen, i) != got)
+        return 0;
+      n += i;
+      continue;
     }
-    if (c == '\r') {
-      // CR LF is one line end; a lone CR must not swallow the next line's
-      // first byte, so look before taking.
+    char const end = seen[i];
+    bool const crlf = end == '\r' && i + 1 < static_cast<unsigned>(got) && seen[i + 1] == '\n';
+    // The line's bytes are already in place; take them, then its end.
+    char tail[2];
+    int const endLen = crlf ? 2 : 1;
+    if ((i > 0 && sp::SockRecv(s, seen, i) != static_cast<int>(i)) || sp::SockRecv(s, tail, endLen) != endLen)
+      return 0;
+    n += i;
+    buf[n] = '\0';
+    if (end == '\r' && !crlf && i + 1 == static_cast<unsigned>(got)) {
+      // A CR that ended what had arrived: a LF right behind it is its pair,
+      // and a lone CR must not swallow the next line's first byte.
       char next = 0;
       if (sp::SockRecv(s, &next, 1, true) == 1 && next == '\n')
         sp::SockRecv(s, &next, 1);
-      buf[n] = '\0';
-      return 1;
     }
-    buf[n++] = c;
+    return 1;
   }
 }
 
