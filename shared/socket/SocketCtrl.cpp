@@ -1069,21 +1069,19 @@ int SocketCtrl::getmsg(char *buf, unsigned int size, long timeout, unsigned int 
   std::uint32_t const start = sp::TickCount();
   unsigned n = 0;
   while (n < size - 1) {  // a longer line is cut; its rest stays in the socket
-    char c = 0;
-    int r = sp::SockRecv(s, &c, 1, false, true);
-    if (r == 1) {
-      if (c == '\n')
+    // Block reads that take nothing past the line, so the socket's next
+    // reader (a pass, another getmsg) gets every later byte.
+    char end = 0;
+    int r = so_readLineStep(buf + n, size - 1 - n, s, true, &end);
+    if (r >= 0) {
+      n += static_cast<unsigned>(r);
+      if (end == '\r')
+        so_takePairedLf(s, true);
+      if (end != 0)
         break;
-      if (c == '\r') {
-        char next = 0;
-        if (sp::SockRecv(s, &next, 1, true, true) == 1 && next == '\n')
-          sp::SockRecv(s, &next, 1, false, true);
-        break;
-      }
-      buf[n++] = c;
       continue;
     }
-    if (r == 0 || !SocketWouldBlock(-1)) {
+    if (r == -2 || !SocketWouldBlock(-1)) {
       buf[n] = '\0';
       return -1;  // the stream ended or failed
     }

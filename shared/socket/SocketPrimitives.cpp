@@ -94,52 +94,60 @@ int so_read(char *buf, unsigned len, sockaddr_in *from, SOCKET s, int readAll) {
   }
 }
 
-// Reads in blocks without taking a byte past the line: each step peeks what
-// has arrived into the caller's buffer, then consumes exactly the part that
-// belongs to the line (and its end).
+// Each step peeks what has arrived straight into the caller's buffer, then
+// consumes exactly the part that belongs to the line, so a block read never
+// takes a byte of the next line.
+int so_readLineStep(char *dst, unsigned room, SOCKET s, bool dontWait, char *end) {
+  *end = 0;
+  int const got = sp::SockRecv(s, dst, room, true, dontWait);
+  if (got <= 0)
+    return got == 0 ? -2 : -1;
+  unsigned const n = static_cast<unsigned>(got);
+  unsigned i = 0;
+  while (i < n && dst[i] != '\n' && dst[i] != '\r')
+    ++i;
+  int endLen = 0;
+  if (i < n) {
+    endLen = 1;
+    *end = '\n';
+    if (dst[i] == '\r' && i + 1 == n)
+      *end = '\r';  // its LF, if any, has not arrived yet
+    else if (dst[i] == '\r' && dst[i + 1] == '\n')
+      endLen = 2;
+  }
+  // The line's bytes are already in place; taking them cannot block.
+  char tail[2];
+  if ((i > 0 && sp::SockRecv(s, dst, i, false, true) != static_cast<int>(i)) ||
+      (endLen > 0 && sp::SockRecv(s, tail, static_cast<unsigned>(endLen), false, true) != endLen))
+    return -1;
+  return static_cast<int>(i);
+}
+
+void so_takePairedLf(SOCKET s, bool dontWait) {
+  char next = 0;
+  if (sp::SockRecv(s, &next, 1, true, dontWait) == 1 && next == '\n')
+    sp::SockRecv(s, &next, 1, false, true);
+}
+
 int so_readLine(char *buf, unsigned size, SOCKET s) {
   if (buf == nullptr || size == 0 || s == INVALID_SOCKET)
     return 0;
   unsigned n = 0;
-  for (;;) {
-    unsigned const room = size - 1 - n;
-    if (room == 0) {  // long line: cut here, the rest stays in the socket
-      buf[n] = '\0';
-      return 1;
-    }
-    int const got = sp::SockRecv(s, buf + n, room, true);
-    if (got <= 0) {
+  while (n < size - 1) {  // a long line is cut here; its rest stays in the socket
+    char end = 0;
+    int const got = so_readLineStep(buf + n, size - 1 - n, s, false, &end);
+    if (got < 0) {
       buf[n] = '\0';
       return 0;
     }
-    char *const seen = buf + n;
-    unsigned i = 0;
-    while (i < static_cast<unsigned>(got) && seen[i] != '\n' && seen[i] != '\r')
-      ++i;
-    if (i == static_cast<unsigned>(got)) {  // no line end yet: take it all
-      if (sp::SockRecv(s, seen, i) != got)
-        return 0;
-      n += i;
-      continue;
-    }
-    char const end = seen[i];
-    bool const crlf = end == '\r' && i + 1 < static_cast<unsigned>(got) && seen[i + 1] == '\n';
-    // The line's bytes are already in place; take them, then its end.
-    char tail[2];
-    int const endLen = crlf ? 2 : 1;
-    if ((i > 0 && sp::SockRecv(s, seen, i) != static_cast<int>(i)) || sp::SockRecv(s, tail, endLen) != endLen)
-      return 0;
-    n += i;
-    buf[n] = '\0';
-    if (end == '\r' && !crlf && i + 1 == static_cast<unsigned>(got)) {
-      // A CR that ended what had arrived: a LF right behind it is its pair,
-      // and a lone CR must not swallow the next line's first byte.
-      char next = 0;
-      if (sp::SockRecv(s, &next, 1, true) == 1 && next == '\n')
-        sp::SockRecv(s, &next, 1);
-    }
-    return 1;
+    n += static_cast<unsigned>(got);
+    if (end == '\r')
+      so_takePairedLf(s, false);
+    if (end != 0)
+      break;
   }
+  buf[n] = '\0';
+  return 1;
 }
 
 int so_readInt(SOCKET s) {
