@@ -133,7 +133,10 @@ SocketCtrl::SocketCtrl(SendQueue *queue, int ownerFlag, unsigned int rcvBufSize,
   ajusta_str(name ? name : "", name_, 63);
   lock_ = new _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
   optLock_ = new _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
-  active_ = new fdATxtSVector();
+  auto *active = new fdATxtSVector();
+  // Only sockets that carry text get a register, when their first bytes come.
+  active->SetLazyRegisters(true);
+  active_ = active;
   listen_ = new fdVector();
   closePending_ = new fdVector();
   writeError_ = new fdVector();
@@ -775,7 +778,14 @@ void SocketCtrl::ProcessSocketData(SOCKET s, Callbacks const &cb) {
   unsigned want = rcvBufSize_;
   if (text) {
     unsigned room = 0;
-    if (active_->GetTxtRoom(s, &room) && room < want)
+    if (!active_->GetTxtRoom(s, &room)) {
+      if (!active_->AddTxtBuf(s)) {  // no memory for its text: the socket cannot go on
+        closeSSock(s);
+        return;
+      }
+      active_->GetTxtRoom(s, &room);
+    }
+    if (room < want)
       want = room;
   }
   int r = 0;
