@@ -3,9 +3,6 @@
 #include "platform/Clock.h"
 #include "platform/Readiness.h"
 #include "server/detail/IdleList.h"
-#include "server/detail/PassWaker.h"
-#include "server/detail/ReplyBatch.h"
-#include "socket/FdCtrl.h"
 #include "socket/SocketPrimitives.h"
 #include "text/TextRoutines.h"
 #include "thread/Semaphore.h"
@@ -20,8 +17,6 @@
 namespace sp = shared::platform;
 using shared::server::detail::IdleList;
 using shared::server::detail::IdleNode;
-using shared::server::detail::PassWaker;
-using shared::server::detail::ReplyBatch;
 
 namespace {
 
@@ -29,12 +24,6 @@ constexpr unsigned kNone = SockSrv::kNoSocket;
 constexpr int kUserBufBytes = 16384;
 constexpr int kBacklog = 1024;
 constexpr unsigned kOwnSocketStepMs = 100;
-// Passes in a row that found a listening socket ready yet accepted nothing
-// before the server stops watching it for a while: the accept fails for
-// want of descriptors, and watching on would only spin.
-constexpr int kStuckPassesToPark = 3;
-constexpr std::uint32_t kParkMs = 1000;
-constexpr unsigned kMaxListeners = 64;
 
 // The bytes a write sends: the text up to len or its NUL for a line.
 unsigned PayloadLength(char const *data, unsigned len, bool line) {
@@ -77,14 +66,12 @@ SockSrv::SockSrv(ISockSrvCallback *cb, SendQueue *q, unsigned n, int flags, char
   lock_ = new (std::nothrow) _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
   ctrl_ = new (std::nothrow) SocketCtrl(q, 1, n, 0, flags, name);
   idle_ = new (std::nothrow) IdleList;
-  batch_ = std::make_unique<ReplyBatch>(&SendBatch, this);
   if (!cb_ || !lock_ || !lock_->IsOk() || !idle_ || !ctrl_ || !ctrl_->isSockOk())
     return;
   // The protocols are line based: the controller cuts the stream into lines.
+  // Text mode also gathers the replies a pass writes to one socket into one
+  // send (SocketCtrl::write).
   ctrl_->SetTxtMode();
-  waker_ = std::make_unique<PassWaker>();
-  if (!waker_->Attach(ctrl_))
-    waker_.reset();  // the server still works, only its passes run out their time
   ok_ = 1;  // before the thread starts: its loop runs while ok
   if (!StartSockSrvThread())
     ok_ = 0;
@@ -100,7 +87,6 @@ SockSrv::~SockSrv() {
     DelUsers();
   delete pool_.exchange(nullptr);
   delete idle_;
-  waker_.reset();
   delete ctrl_;
   delete lock_;
 }
@@ -132,8 +118,8 @@ int SockSrv::DoSockSrvThread(IThread *thread, void *self) {
 bool SockSrv::OnServerThread() const { return threadId_.load(std::memory_order_acquire) == std::this_thread::get_id(); }
 
 void SockSrv::WakeUp() {
-  if (waker_)
-    waker_->Wake();
+  if (ctrl_)
+    ctrl_->WakeUp();
 }
 
 int SockSrv::Wait(char const *tag) { return lock_ ? lock_->Wait(1, tag) : 0; }
@@ -147,24 +133,13 @@ void SockSrv::DoSockSrv() {
   threadId_.store(std::this_thread::get_id(), std::memory_order_release);
   std::int64_t nextCheck = sp::NowSeconds() + kCheckEverySeconds;
   while (ok_ && !DoExit()) {
-    inPass_ = true;
-    servedSock_ = kNone;
-    passConnects_ = 0;
-    // While a listener is parked, the pass is kept short so it is watched
-    // again soon after its back-off.
-    int r = ctrl_->accept(this, parked_.empty() ? kPassSeconds : 1);
-    inPass_ = false;
-    // The replies of the last socket served: sent after the pass, so only
-    // to sockets the pass left open.
-    afterPass_ = true;
-    batch_->FlushAll(&failed_);
-    afterPass_ = false;
-    DropFailed();
+    // Out of descriptors, the controller rests the listener by itself, so
+    // this loop cannot spin on a listener that stays ready.
+    int r = ctrl_->accept(this, kPassSeconds);
     if (r == 0)
       break;
     if (r < 0)
       sp::SleepMs(kOwnSocketStepMs);  // a failing wait must not spin
-    CheckListeners(passConnects_ == 0);
     if (sp::NowSeconds() >= nextCheck) {
       VerifyIdleUsers();
       nextCheck = sp::NowSeconds() + kCheckEverySeconds;
@@ -172,79 +147,9 @@ void SockSrv::DoSockSrv() {
   }
 }
 
-// A listening socket that is still ready right after a pass that accepted
-// nothing failed its accept (no descriptors left: EMFILE/ENFILE). Level-
-// triggered readiness would report it again at once, so every pass would
-// return at once and the thread would spin. After a few such passes the
-// listeners are taken out of the watch (not closed; the connections wait in
-// the backlog) and put back after kParkMs; users keep being served.
-void SockSrv::CheckListeners(bool acceptedNothing) {
-  if (!parked_.empty()) {
-    if (static_cast<std::uint32_t>(sp::TickCount() - parkedAt_) < kParkMs)
-      return;
-    for (unsigned s : parked_) {
-      bool wasMaster = parkedMaster_ == s;
-      if (ctrl_->AddActiveSock(s, 1) && wasMaster)
-        ctrl_->SetMasterSocket(s);
-    }
-    parked_.clear();
-    parkedMaster_ = kNone;
-    stuckPasses_ = 0;
-    return;
-  }
-  if (!acceptedNothing) {
-    stuckPasses_ = 0;
-    return;
-  }
-  std::uint32_t listeners[kMaxListeners];
-  std::uint32_t count = 0;
-  ctrl_->Wait("SockSrv::CheckListeners");
-  IfdCtrl *set = ctrl_->GetListenFdSel();
-  unsigned pos = 0;
-  for (unsigned s = set->first(&pos); s != kNone && count < kMaxListeners; s = set->next(&pos))
-    listeners[count++] = s;
-  ctrl_->Signal("SockSrv::CheckListeners");
-  unsigned char ready[kMaxListeners] = {};
-  if (count == 0 || sp::WaitSockets(listeners, count, 1u, 0, ready) <= 0) {
-    stuckPasses_ = 0;
-    return;
-  }
-  if (++stuckPasses_ < kStuckPassesToPark)
-    return;
-  unsigned master = ctrl_->GetMasterSocket();
-  for (std::uint32_t i = 0; i < count; ++i) {
-    if (ready[i] && ctrl_->RemoveActiveSock(listeners[i], 1, 0, 0)) {
-      parked_.push_back(listeners[i]);
-      if (listeners[i] == master)
-        parkedMaster_ = master;
-    }
-  }
-  parkedAt_ = sp::TickCount();
-}
-
 // --- Controller callbacks (server thread, inside a pass) --------------------------------------
 
-void SockSrv::EnterSocket(unsigned sock) {
-  if (sock == servedSock_)
-    return;
-  batch_->FlushAll(&failed_);
-  DropFailed();
-  servedSock_ = sock;
-}
-
-void SockSrv::DropFailed() {
-  if (failed_.empty())
-    return;
-  std::vector<std::uint32_t> failed;
-  failed.swap(failed_);
-  for (std::uint32_t s : failed)
-    DelUser(s);
-}
-
 int SockSrv::acceptCallback(SocketCtrl *, unsigned int sock, char *data, unsigned int len) {
-  if (waker_ && sock == waker_->Socket())
-    return 1;
-  EnterSocket(sock);
   // A line comes NUL-ended with len = its length + 1; the application gets
   // its length, cut to kMaxMessage characters.
   unsigned chars = len > 0 ? len - 1 : 0;
@@ -263,7 +168,6 @@ int SockSrv::acceptCallback(SocketCtrl *, unsigned int sock, char *data, unsigne
 }
 
 int SockSrv::connectCallback(SocketCtrl *, unsigned int, unsigned int newSock) {
-  ++passConnects_;
   // A user still filed under this number belongs to a connection that is
   // gone (the system reuses only closed numbers): forget it without closing
   // the new socket.
@@ -283,13 +187,6 @@ int SockSrv::connectCallback(SocketCtrl *, unsigned int, unsigned int newSock) {
 }
 
 void SockSrv::closeCallback(SocketCtrl *, unsigned int sock, char const *reason) {
-  if (waker_ && sock == waker_->Socket()) {
-    waker_.reset();  // cannot happen unless someone closed it; carry on without
-    return;
-  }
-  // Replies written before the close still go out when the socket takes
-  // them (a peer that only half-closed reads them).
-  batch_->Flush(sock);
   if (sock == outgoing_.load()) {
     outgoing_.store(kNone);
     outgoingManaged_.store(0);
@@ -338,14 +235,6 @@ int SockSrv::AddUser(unsigned sock, char const *name, unsigned userData) {
 int SockSrv::DelUser(unsigned sock) {
   if (!lock_ || !idle_)
     return 0;
-  bool const here = OnServerThread();
-  // Replies gathered for the socket leave before it is closed.
-  if (here && inPass_) {
-    if (sock == kNone)
-      batch_->FlushAll(nullptr);
-    else
-      batch_->Flush(sock);
-  }
   int removed = 0;
   Wait(sock == kNone ? "SockSrv::DelUser2" : "SockSrv::DelUser1");
   if (sock == kNone) {
@@ -355,10 +244,8 @@ int SockSrv::DelUser(unsigned sock) {
     removed = erase(sock, 1);
   }
   Signal(sock == kNone ? "SockSrv::DelUser2" : "SockSrv::DelUser1");
-  // The close happens at the end of a pass: end the current one now (the
-  // server thread outside a pass, in an idle check, needs the next one too).
-  if (removed && !(here && inPass_))
-    WakeUp();
+  // The sockets are marked for closing; the controller ends a waiting pass
+  // for that itself, and the next pass does not wait while marks are due.
   return removed;
 }
 
@@ -464,10 +351,8 @@ int SockSrv::listen(int port, char const *addr, unsigned *outSock) {
     *outSock = kNone;
   if (!ok_ || port == 0)
     return 0;
-  int r = ctrl_->listen("TCP", kBacklog, port, addr, nullptr, outSock, 0, nullptr);
-  if (r)
-    WakeUp();  // a socket added during a pass's wait is watched from the next pass
-  return r;
+  // A socket added during a pass's wait ends that wait (controller).
+  return ctrl_->listen("TCP", kBacklog, port, addr, nullptr, outSock, 0, nullptr);
 }
 
 int SockSrv::connect(char const *host, int port, unsigned maxQueue, char const *bindAddr, unsigned *outSock,
@@ -508,8 +393,6 @@ int SockSrv::testConn(unsigned sock, unsigned timeout, unsigned maxQueue) {
   if (outgoing)
     outgoingManaged_.store(1);
   int r = ctrl_->TestWriteSock(sock, timeout, 1);
-  if (r)
-    WakeUp();  // watched from the next pass: start it now
   if (r && maxQueue)
     ctrl_->SetMaxSendQueue(maxQueue, 0, sock);
   if (!r && outgoing) {  // the controller closed it
@@ -532,11 +415,8 @@ void SockSrv::close(unsigned sock) {
     return;
   }
   // A user leaves the table as it is closed, so it is not left behind.
-  if (!DelUser(sock)) {
+  if (!DelUser(sock))
     ctrl_->closeSSock(sock);
-    if (!OnServerThread())
-      WakeUp();
-  }
 }
 
 // --- Writing ----------------------------------------------------------------------------------
@@ -566,12 +446,6 @@ int SockSrv::write(char const *data, int len, unsigned sock, int asLine) {
     DelUser(sock);
     return 0;
   }
-  if (OnServerThread() && inPass_) {  // inPass_ is the server thread's own
-    batch_->Add(sock, data, n, asLine != 0, &failed_);
-    bool const failed = !failed_.empty();
-    DropFailed();
-    return failed ? 0 : 1;
-  }
   return SendNow(data, n, sock, asLine != 0);
 }
 
@@ -581,7 +455,9 @@ int SockSrv::SendNow(char const *data, unsigned len, unsigned sock, bool line) {
   int const retry = OnServerThread() ? 0 : 1;
   int sent;
   if (line) {
-    std::string text(data, len);
+    // One buffer per thread, kept: replies allocate nothing once it grew.
+    thread_local std::string text;
+    text.assign(data, len);
     text.append("\r\n", 2);
     sent = ctrl_->write(text.data(), static_cast<unsigned>(text.size()), sock, 1, 1, 0, retry, nullptr);
     len = static_cast<unsigned>(text.size());
@@ -593,13 +469,4 @@ int SockSrv::SendNow(char const *data, unsigned len, unsigned sock, bool line) {
     return 0;
   }
   return 1;
-}
-
-bool SockSrv::SendBatch(void *self, std::uint32_t sock, char const *data, unsigned len) {
-  auto *srv = static_cast<SockSrv *>(self);
-  // After the pass, send only to sockets the controller still holds: one it
-  // closed at the end of the pass is gone, and its number may be reused.
-  if (srv->afterPass_ && !srv->ctrl_->IsConnected(sock))
-    return true;
-  return srv->ctrl_->write(data, len, sock, 1, 1, 0, 0, nullptr) == static_cast<int>(len);
 }

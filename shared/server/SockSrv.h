@@ -39,8 +39,8 @@
 // (it only marks sockets for closing), so no other thread can close a cycle.
 //
 // Writes made on the server thread during a pass (replies) are gathered per
-// socket and leave together when the pass is done with that socket; writes
-// from other threads go out at once. See ReplyBatch.h.
+// socket by the controller and leave together when the pass is done with
+// that socket; writes from other threads go out at once (SocketCtrl::write).
 #pragma once
 
 #include "platform/Export.h"
@@ -50,9 +50,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <thread>
-#include <vector>
 
 class IThread;
 class SendQueue;
@@ -62,8 +60,6 @@ class _SEMAPHORE;
 namespace shared::server::detail {
 struct IdleNode;
 class IdleList;
-class PassWaker;
-class ReplyBatch;
 }  // namespace shared::server::detail
 
 // Implemented by the application; every operation is called on the server
@@ -203,16 +199,12 @@ public:
 
 private:
   static int DoSockSrvThread(IThread *thread, void *self);
-  static bool SendBatch(void *self, std::uint32_t sock, char const *data, unsigned len);
   int StartSockSrvThread();
   void StopSockSrvThread();
   void DoSockSrv();
   bool OnServerThread() const;
-  void EnterSocket(unsigned sock);  // a pass turns to sock: earlier batches leave
-  void DropFailed();
   int SendNow(char const *data, unsigned len, unsigned sock, bool line);
   bool WaitOwnSocket(unsigned sock);
-  void CheckListeners(bool passWasIdle);
 
   int ok_ = 0;
   std::atomic<int> exit_{0};
@@ -227,17 +219,5 @@ private:
   std::atomic<ThreadPool *> pool_{nullptr};
   shared::server::detail::IdleList *idle_ = nullptr;  // guarded by lock_
 
-  // Server thread only.
-  std::unique_ptr<shared::server::detail::PassWaker> waker_;
-  std::unique_ptr<shared::server::detail::ReplyBatch> batch_;
-  std::vector<std::uint32_t> failed_;  // batches whose send failed, dropped after the pass
-  bool inPass_ = false;
-  unsigned servedSock_ = kNoSocket;    // the socket the pass is serving
-  bool afterPass_ = false;             // batches are being sent after the pass ended
-  int passConnects_ = 0;               // connections accepted in the current pass
-  int stuckPasses_ = 0;                // passes in a row whose listener stayed ready unaccepted
-  std::vector<unsigned> parked_;       // listening sockets unwatched while out of descriptors
-  unsigned parkedMaster_ = kNoSocket;  // the parked one that was the controller's own
-  std::uint32_t parkedAt_ = 0;         // tick when they were parked
   std::atomic<std::thread::id> threadId_{};  // the server thread, set as its body starts
 };

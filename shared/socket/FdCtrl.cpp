@@ -149,16 +149,6 @@ unsigned int fdVector::next(unsigned int *pos) {
 
 // --- fdATxtSVector -----------------------------------------------------------
 
-namespace {
-
-template <typename Vec>
-auto Find(Vec &regs, unsigned int fd) {
-  return std::lower_bound(regs.begin(), regs.end(), fd,
-                          [](auto const &entry, unsigned int key) { return entry.first < key; });
-}
-
-}  // namespace
-
 fdATxtSVector::fdATxtSVector() = default;
 
 fdATxtSVector::~fdATxtSVector() = default;
@@ -170,7 +160,7 @@ void fdATxtSVector::zero() {
 
 int fdATxtSVector::set(unsigned int fd) {
   int const result = fdVector::set(fd);
-  if (result != 0 && AddTxtBuf(fd) == 0) {
+  if (result != 0 && !lazy_ && AddTxtBuf(fd) == 0) {
     // A socket without its register would lose its text: refuse it.
     fdVector::clr(fd);
     return 0;
@@ -184,16 +174,15 @@ int fdATxtSVector::clr(unsigned int fd) {
 }
 
 TxtBuf_reg *fdATxtSVector::GetTxtBuf(unsigned int fd) {
-  auto it = Find(regs_, fd);
-  return it != regs_.end() && it->first == fd ? it->second.get() : nullptr;
+  auto it = regs_.find(fd);
+  return it != regs_.end() ? it->second.get() : nullptr;
 }
 
 int fdATxtSVector::AddTxtBuf(unsigned int fd) {
   if (fd == kNoSocket) return 0;
-  auto it = Find(regs_, fd);
-  if (it != regs_.end() && it->first == fd) return 1;
+  if (regs_.find(fd) != regs_.end()) return 1;
   try {
-    regs_.emplace(it, fd, std::make_unique<TxtBuf_reg>());
+    regs_.emplace(fd, std::make_unique<TxtBuf_reg>());
   } catch (std::bad_alloc const &) {
     return 0;
   }
@@ -201,9 +190,7 @@ int fdATxtSVector::AddTxtBuf(unsigned int fd) {
 }
 
 int fdATxtSVector::DelTxtBuf(unsigned int fd) {
-  auto it = Find(regs_, fd);
-  if (it == regs_.end() || it->first != fd) return 0;
-  regs_.erase(it);
+  if (regs_.erase(fd) == 0) return 0;
   return 1;
 }
 

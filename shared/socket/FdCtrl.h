@@ -22,6 +22,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -124,6 +125,10 @@ private:
 
 // fdVector whose every socket has a TxtBuf_reg: set creates it, clr and
 // zero delete it. The six text operations reach the socket's register.
+// With SetLazyRegisters(true), set creates none: the owner adds a register
+// (AddTxtBuf) to the sockets that carry text, when they first need it.
+// Registers are found by hash, so accept and close cost does not grow with
+// the number of sockets.
 class SHAREDLIB_API fdATxtSVector : public fdVector {
 public:
   fdATxtSVector();
@@ -142,8 +147,9 @@ public:
 
   // The socket's register, or null. Valid until the socket leaves the set.
   TxtBuf_reg *GetTxtBuf(unsigned int fd);
+  void SetLazyRegisters(bool lazy) { lazy_ = lazy; }
 
 private:
-  using Entry = std::pair<std::uint32_t, std::unique_ptr<TxtBuf_reg>>;
-  std::vector<Entry> regs_;  // sorted by socket
+  std::unordered_map<std::uint32_t, std::unique_ptr<TxtBuf_reg>> regs_;
+  bool lazy_ = false;
 };

@@ -5,6 +5,7 @@
 #include "platform/Readiness.h"
 #include "platform/SocketApi.h"
 #include "socket/FdCtrl.h"
+#include "socket/PassReplies.h"
 #include "socket/SendQueue.h"
 #include "socket/SocketPrimitives.h"
 #include "socket/TxtBuf_reg.h"
@@ -132,7 +133,10 @@ SocketCtrl::SocketCtrl(SendQueue *queue, int ownerFlag, unsigned int rcvBufSize,
   ajusta_str(name ? name : "", name_, 63);
   lock_ = new _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
   optLock_ = new _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
-  active_ = new fdATxtSVector();
+  auto *active = new fdATxtSVector();
+  // Only sockets that carry text get a register, when their first bytes come.
+  active->SetLazyRegisters(true);
+  active_ = active;
   listen_ = new fdVector();
   closePending_ = new fdVector();
   writeError_ = new fdVector();
@@ -140,7 +144,10 @@ SocketCtrl::SocketCtrl(SendQueue *queue, int ownerFlag, unsigned int rcvBufSize,
     demux_ = InitSockEventsWrapper(linuxMode ? 9 : 1, this, name_);
     WatchWakeFd();
   }
-  rxBuf_.resize(rcvBufSize_);
+  // One spare byte: a binary-mode callback handed a full buffer may end it
+  // with a NUL at data[len].
+  rxBuf_.resize(static_cast<std::size_t>(rcvBufSize_) + 1);
+  replies_ = std::make_unique<shared::socket::detail::PassReplies>(&SendGathered, this);
   lineBuf_.resize(kMaxLine + 1);
 }
 
@@ -237,6 +244,16 @@ void SocketCtrl::WatchWakeFd() {
 
 void SocketCtrl::Wake() {
   if (!inWait_.load(std::memory_order_acquire))
+    return;
+  wake_.Signal();
+  wakes_.fetch_add(1, std::memory_order_release);
+}
+
+// Unlike Wake, signals even outside a wait: the caller may have changed
+// something the pass thread looks at between passes (a clock, a flag), and
+// the next wait must not sleep through it.
+void SocketCtrl::WakeUp() {
+  if (!wake_.IsOpen())
     return;
   wake_.Signal();
   wakes_.fetch_add(1, std::memory_order_release);
@@ -608,6 +625,8 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
   waiting_ = false;
   ApplyDemuxChanges();
   busy_ = 1;
+  if (!udp)
+    walker_.store(std::this_thread::get_id(), std::memory_order_release);
   if (n < 0)
     ForgetClosedBehindUs();
   if (n >= 0) {
@@ -618,6 +637,7 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
          s = demux_->nextEvent(&events, nullptr, nullptr)) {
       if (!active_->isset(s) || IsClosePending(s))
         continue;  // the wake-up descriptor, or closed or marked earlier in this pass
+      FlushAllGathered();  // the replies to the socket served before leave together
       if (listen_->isset(s))
         AcceptSocket(s, cb);
       else if (udp)
@@ -627,8 +647,12 @@ int SocketCtrl::Pass(Callbacks const &cb, long seconds, bool udp) {
       if (cb.maxEvents > 0 && ++served >= cb.maxEvents)
         break;
     }
+    FlushAllGathered();
     ProcessDraining(cb);
   }
+  // Replies go out before their sockets are closed, as direct writes would.
+  FlushAllGathered();
+  walker_.store(std::thread::id{}, std::memory_order_release);
   ProcessCloseSSocks();
   busy_ = 0;
   return n < 0 ? -1 : 1;
@@ -659,6 +683,7 @@ void SocketCtrl::ProcessWriteError(Callbacks const &cb, bool udp) {
     if (!active_->isset(s) || listen_->isset(s)) {
       std::lock_guard<std::mutex> m(markLock_);
       writeError_->clr(s);
+      NoteMarks();
       continue;
     }
     if (cb.obj) {
@@ -753,7 +778,14 @@ void SocketCtrl::ProcessSocketData(SOCKET s, Callbacks const &cb) {
   unsigned want = rcvBufSize_;
   if (text) {
     unsigned room = 0;
-    if (active_->GetTxtRoom(s, &room) && room < want)
+    if (!active_->GetTxtRoom(s, &room)) {
+      if (!active_->AddTxtBuf(s)) {  // no memory for its text: the socket cannot go on
+        closeSSock(s);
+        return;
+      }
+      active_->GetTxtRoom(s, &room);
+    }
+    if (room < want)
       want = room;
   }
   int r = 0;
@@ -817,6 +849,7 @@ void SocketCtrl::PeerFinished(SOCKET s, Callbacks const &cb) {
         return;
     }
   }
+  FlushGathered(s);  // replies to the last lines may still go to the queue
   if (queue_ && queue_->HasData(s) && CanSendData(s)) {
     DemuxClr(s);  // nothing more to read: an end of stream would wake every wait
     draining_[s] = sp::TickCount();
@@ -895,6 +928,7 @@ void SocketCtrl::ProcessCloseSSocks() {
   std::lock_guard<std::mutex> m(markLock_);
   for (SOCKET s : pending)
     closePending_->clr(s);
+  NoteMarks();
 }
 
 int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, long timeout, unsigned int *outSock,
@@ -1045,21 +1079,19 @@ int SocketCtrl::getmsg(char *buf, unsigned int size, long timeout, unsigned int 
   std::uint32_t const start = sp::TickCount();
   unsigned n = 0;
   while (n < size - 1) {  // a longer line is cut; its rest stays in the socket
-    char c = 0;
-    int r = sp::SockRecv(s, &c, 1, false, true);
-    if (r == 1) {
-      if (c == '\n')
+    // Block reads that take nothing past the line, so the socket's next
+    // reader (a pass, another getmsg) gets every later byte.
+    char end = 0;
+    int r = so_readLineStep(buf + n, size - 1 - n, s, true, &end);
+    if (r >= 0) {
+      n += static_cast<unsigned>(r);
+      if (end == '\r')
+        so_takePairedLf(s, true);
+      if (end != 0)
         break;
-      if (c == '\r') {
-        char next = 0;
-        if (sp::SockRecv(s, &next, 1, true, true) == 1 && next == '\n')
-          sp::SockRecv(s, &next, 1, false, true);
-        break;
-      }
-      buf[n++] = c;
       continue;
     }
-    if (r == 0 || !SocketWouldBlock(-1)) {
+    if (r == -2 || !SocketWouldBlock(-1)) {
       buf[n] = '\0';
       return -1;  // the stream ended or failed
     }
@@ -1143,6 +1175,11 @@ int SocketCtrl::write(char const *buf, unsigned int n, unsigned int sock, int al
   if (!buf || n == 0 || s == kNone || !CanSendData(s))
     return -1;
   int dgram = datagram == -1 ? IsUDP() : datagram;
+  if (OnWalkThread()) {
+    if (Gatherable(s, all, markError, dgram))
+      return replies_->Add(s, buf, n, retry != 0) ? static_cast<int>(n) : -1;
+    FlushGathered(s);  // bytes gathered earlier go first
+  }
   SockOptions o;
   if (!GetSockOptions(s, &o))
     return _write(buf, n, s, 0, all, markError, 0, nullptr, dgram, retry, to);
@@ -1161,13 +1198,50 @@ int SocketCtrl::write(char const *buf, unsigned int n, unsigned int sock, int al
   return sent;
 }
 
+// Text-mode controllers carry line protocols over TCP, where a callback's
+// replies can be glued without changing what the peer reads. Sockets with
+// send options (queue, rate) keep their per-message rules, so they are not
+// gathered; neither are datagrams nor foreign or listening descriptors.
+bool SocketCtrl::Gatherable(SOCKET s, int all, int markError, int dgram) {
+  if (!all || !markError || dgram || !IsTxtMode() || IsUDP())
+    return false;
+  if (!active_->isset(s) || listen_->isset(s))  // lock_ is held by the walk
+    return false;
+  if (optionCount_.load(std::memory_order_acquire) == 0)
+    return true;
+  SemGuard og(*optLock_);
+  return options_.find(s) == options_.end();
+}
+
+bool SocketCtrl::SendGathered(void *self, std::uint32_t sock, char const *data, unsigned len, bool retry) {
+  auto *c = static_cast<SocketCtrl *>(self);
+  int const sent = c->_write(data, len, sock, 0, 1, 1, 0, nullptr, 0, retry ? 1 : 0, nullptr);
+  if (sent == static_cast<int>(len))
+    return true;
+  // The writers were told their bytes went out: the socket cannot go on.
+  c->MarkWriteError(sock);
+  return false;
+}
+
+void SocketCtrl::FlushGathered(SOCKET s) {
+  if (!replies_->Empty() && OnWalkThread())
+    replies_->Flush(s);
+}
+
+void SocketCtrl::FlushAllGathered() {
+  if (!replies_->Empty())
+    replies_->FlushAll();
+}
+
 // A queued socket's bytes leave in order and each message whole: the queue's
 // lock is held from the flush of older bytes to the queueing of the new
 // message's rest, so two writers cannot interleave, and the direct send
 // never waits (a full socket only means the rest is queued).
 int SocketCtrl::WriteQueued(char const *buf, unsigned n, SOCKET s, int markError) {
   SendQueue::Hold hold(*queue_);
-  queue_->SendQueuedData(0, s);
+  // Older bytes go first; with none queued the message goes straight out.
+  if (queue_->HasData(s))
+    queue_->SendQueuedData(0, s);
   if (queue_->HasData(s))
     return static_cast<int>(EnqueueData(s, buf, n));
   std::int64_t const now = sp::NowSeconds();
@@ -1226,7 +1300,9 @@ int SocketCtrl::writeLine(char const *text, unsigned int sock, EolFormat eol) {
   if (!text)
     return 0;
   std::size_t len = std::min<std::size_t>(std::strlen(text), kMaxLine);
-  std::vector<char> line(text, text + len);
+  // One buffer per thread, kept: a steady stream of lines allocates nothing.
+  thread_local std::vector<char> line;
+  line.assign(text, text + len);
   if (eol == EOL_CRLF)
     line.push_back('\r');
   line.push_back('\n');
@@ -1269,6 +1345,7 @@ void SocketCtrl::MarkWriteError(SOCKET s) {
     if (writeError_->isset(s))
       return;
     writeError_->set(s);
+    NoteMarks();
   }
   Wake();  // the close is due at the start of the next pass, not seconds later
 }
@@ -1277,6 +1354,8 @@ int SocketCtrl::CanSendData(unsigned int sock) {
   SOCKET s = Resolve(sock);
   if (s == kNone)
     return 0;
+  if (marks_.load(std::memory_order_acquire) == 0)
+    return 1;  // the common case takes no lock
   std::lock_guard<std::mutex> m(markLock_);
   return writeError_->isset(s) || closePending_->isset(s) ? 0 : 1;
 }
@@ -1322,6 +1401,7 @@ int SocketCtrl::SetMaxSendQueue(unsigned int maxBytes, int framed, unsigned int 
     return 0;
   SemGuard g(*optLock_);
   SockOptions &o = options_[s];
+  NoteOptions();
   o.maxQueue = maxBytes;
   o.framed = framed ? 1 : 0;
   return 1;
@@ -1333,6 +1413,7 @@ int SocketCtrl::SetBytesCount(int on, unsigned int bytesPerSecond, unsigned int 
     return 0;
   SemGuard g(*optLock_);
   SockOptions &o = options_[s];
+  NoteOptions();
   o.countOn = (on || bytesPerSecond) ? 1 : 0;
   o.rateLimit = bytesPerSecond;
   o.countStart = 0;
@@ -1363,12 +1444,21 @@ unsigned int SocketCtrl::GetBitRate(int reset, unsigned int sock) {
   return bits > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<unsigned>(bits);
 }
 
+void SocketCtrl::NoteMarks() {
+  marks_.store(static_cast<unsigned>(writeError_->count() + closePending_->count()), std::memory_order_release);
+}
+
+void SocketCtrl::NoteOptions() { optionCount_.store(static_cast<unsigned>(options_.size()), std::memory_order_release); }
+
 void SocketCtrl::InitSockOptVector() {
   SemGuard g(*optLock_);
   options_.clear();
+  NoteOptions();
 }
 
 int SocketCtrl::GetSockOptions(unsigned int sock, SockOptions *out) {
+  if (optionCount_.load(std::memory_order_acquire) == 0)
+    return 0;  // no record anywhere: no lock for the common write
   SemGuard g(*optLock_);
   auto it = options_.find(sock);
   if (it == options_.end())
@@ -1383,6 +1473,7 @@ int SocketCtrl::UpdateSockOptions(unsigned int sock, SockOptions const *opts) {
     return 0;
   SemGuard g(*optLock_);
   options_[sock] = *opts;
+  NoteOptions();
   return 1;
 }
 
@@ -1457,6 +1548,7 @@ void SocketCtrl::closeSSock(unsigned int sock) {
     if (closePending_->isset(s))
       return;
     closePending_->set(s);
+    NoteMarks();
   }
   Wake();
 }
@@ -1469,6 +1561,7 @@ int SocketCtrl::RemoveActiveSock(unsigned int sock, int lock, int keepClosePendi
     lock_->Wait(1);
   int was = active_->isset(s) ? 1 : 0;
   if (was) {
+    FlushGathered(s);  // written before the removal: they leave first
     ForgetSendState(s);
     ForgetDraining(s);
     closedSincePause_ = true;
@@ -1481,6 +1574,7 @@ int SocketCtrl::RemoveActiveSock(unsigned int sock, int lock, int keepClosePendi
         closePending_->clr(s);
       if (!keepWriteError)
         writeError_->clr(s);
+      NoteMarks();
     }
     if (s == GetMasterSocket()) {
       master_.store(kNone, std::memory_order_release);
@@ -1513,7 +1607,9 @@ int SocketCtrl::close(unsigned int sock, int defer) {
   {
     std::lock_guard<std::mutex> m(markLock_);
     closePending_->clr(sock);
+    NoteMarks();
     writeError_->clr(sock);
+    NoteMarks();
   }
   return 1;
 }
@@ -1537,6 +1633,7 @@ void SocketCtrl::ForgetSendState(SOCKET s) {
     queue_->EraseFor(s, this);
   SemGuard og(*optLock_);
   options_.erase(s);
+  NoteOptions();
 }
 
 // Closes a socket that is in no set (a connection left in progress, for
@@ -1583,7 +1680,9 @@ void SocketCtrl::CloseAll() {
   {
     std::lock_guard<std::mutex> m(markLock_);
     closePending_->zero();
+    NoteMarks();
     writeError_->zero();
+    NoteMarks();
   }
   master_.store(kNone, std::memory_order_release);
   masterRdy_.store(0, std::memory_order_release);
@@ -1603,6 +1702,7 @@ void SocketCtrl::ResetActiveSocks() {
     SemGuard og(*optLock_);
     for (SOCKET s : all)
       options_.erase(s);
+    NoteOptions();
   }
   active_->zero();
   listen_->zero();

@@ -60,7 +60,9 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 class _SEMAPHORE;
@@ -69,6 +71,9 @@ class IfdCtrl;
 class SendQueue;
 class SocketCtrl;
 class fdVector;
+namespace shared::socket::detail {
+class PassReplies;
+}
 
 // Per-socket send options: ten 32-bit words, zeroed when made. Copies copy
 // all ten; two records differ when word 0, 2 or 3 differs.
@@ -207,6 +212,9 @@ public:
   // and no pass runs; 1 on success.
   int SetEventsModes(unsigned char modes);
   void SetNoWait(int noWait);
+  // Ends the wait of the pass in progress at once, or the next pass's wait
+  // when none is in progress (any thread, no lock).
+  void WakeUp();
   void SetDefSin(sockaddr_in const *sin);
   void GetDefSin(sockaddr_in *sin);
   void SetTxtMode();
@@ -274,6 +282,12 @@ public:
              int markOnBlock, int *err, int datagram, int retry, sockaddr_in *to);
   // The public write: bytes sent or queued; -1 without sending when the
   // socket cannot take data, buf is null, n is 0 or there is no socket.
+  // Inside a pass of a text-mode controller, a callback's whole-message
+  // write (all and markError) to an active socket without send options is
+  // gathered and counted as sent: the socket's gathered bytes leave in one
+  // send when the pass moves to another socket, before the socket closes,
+  // and at the end of the pass; if that send fails the socket is marked
+  // write-failed. Writes from other threads are never gathered.
   // all: send everything (the rest of a short send is queued for a queued
   // socket); markError: a failed send marks the socket write-failed (closed
   // with kReasonWriteError by the next pass); datagram: 1 sendto, 0 send,
@@ -401,6 +415,8 @@ private:
   unsigned ReserveAllowance(SOCKET s, unsigned n, std::int64_t now);
   void SettleAllowance(SOCKET s, unsigned reserved, unsigned sent, std::int64_t now);
   void ForgetSendState(SOCKET s);
+  void NoteMarks();    // markLock_ held: publishes the number of marks
+  void NoteOptions();  // optLock_ held: publishes the number of option records
   int CloseUnlisted(SOCKET s);
   SOCKET Resolve(unsigned int sock) const;
   bool IsClosePending(SOCKET s);
@@ -416,6 +432,11 @@ private:
   int MakeSocket(char const *proto, bool *udp);
   bool AddActiveLocked(SOCKET s, bool listening);
   int FinishConnect(SOCKET s, bool activate);
+  bool OnWalkThread() const { return walker_.load(std::memory_order_acquire) == std::this_thread::get_id(); }
+  bool Gatherable(SOCKET s, int all, int markError, int dgram);  // walk thread only
+  static bool SendGathered(void *self, std::uint32_t sock, char const *data, unsigned len, bool retry);
+  void FlushGathered(SOCKET s);  // walk thread: s's gathered bytes leave now
+  void FlushAllGathered();
   int SendChunk(SOCKET s, char const *buf, unsigned n, int all, int markError, int datagram, int retry,
                 sockaddr_in *to, int *err);
 
@@ -440,10 +461,16 @@ private:
   _SEMAPHORE *lock_ = nullptr;
   _SEMAPHORE *optLock_ = nullptr;
   std::mutex markLock_;
+  // Lock-free views for the write fast path: zero means no socket has a mark
+  // (or an option record), so the common write takes neither lock.
+  std::atomic<unsigned> marks_{0};        // written under markLock_
+  std::atomic<unsigned> optionCount_{0};  // written under optLock_
   class PassGuard;
   std::recursive_mutex passMutex_;          // one pass (wait + walk) at a time
   int passDepth_ = 0;                       // guarded by passMutex_: passes of the holding thread
-  std::vector<char> rxBuf_;                 // guarded by passMutex_: one read of a pass
+  std::vector<char> rxBuf_;                 // guarded by passMutex_: one read of a pass (+1 spare byte)
+  std::unique_ptr<shared::socket::detail::PassReplies> replies_;  // walk thread only
+  std::atomic<std::thread::id> walker_{};   // the thread walking a stream pass's ready sockets
   std::vector<char> lineBuf_;               // guarded by passMutex_: one text line
   std::atomic<int> logLevel_{-1};
   shared::platform::WakeFd wake_;           // registered with every demultiplexer made

@@ -94,35 +94,60 @@ int so_read(char *buf, unsigned len, sockaddr_in *from, SOCKET s, int readAll) {
   }
 }
 
+// Each step peeks what has arrived straight into the caller's buffer, then
+// consumes exactly the part that belongs to the line, so a block read never
+// takes a byte of the next line.
+int so_readLineStep(char *dst, unsigned room, SOCKET s, bool dontWait, char *end) {
+  *end = 0;
+  int const got = sp::SockRecv(s, dst, room, true, dontWait);
+  if (got <= 0)
+    return got == 0 ? -2 : -1;
+  unsigned const n = static_cast<unsigned>(got);
+  unsigned i = 0;
+  while (i < n && dst[i] != '\n' && dst[i] != '\r')
+    ++i;
+  int endLen = 0;
+  if (i < n) {
+    endLen = 1;
+    *end = '\n';
+    if (dst[i] == '\r' && i + 1 == n)
+      *end = '\r';  // its LF, if any, has not arrived yet
+    else if (dst[i] == '\r' && dst[i + 1] == '\n')
+      endLen = 2;
+  }
+  // The line's bytes are already in place; taking them cannot block.
+  char tail[2];
+  if ((i > 0 && sp::SockRecv(s, dst, i, false, true) != static_cast<int>(i)) ||
+      (endLen > 0 && sp::SockRecv(s, tail, static_cast<unsigned>(endLen), false, true) != endLen))
+    return -1;
+  return static_cast<int>(i);
+}
+
+void so_takePairedLf(SOCKET s, bool dontWait) {
+  char next = 0;
+  if (sp::SockRecv(s, &next, 1, true, dontWait) == 1 && next == '\n')
+    sp::SockRecv(s, &next, 1, false, true);
+}
+
 int so_readLine(char *buf, unsigned size, SOCKET s) {
   if (buf == nullptr || size == 0 || s == INVALID_SOCKET)
     return 0;
   unsigned n = 0;
-  for (;;) {
-    if (n >= size - 1) {  // long line: cut here, the rest stays in the socket
-      buf[n] = '\0';
-      return 1;
-    }
-    char c = 0;
-    if (sp::SockRecv(s, &c, 1) <= 0) {
+  while (n < size - 1) {  // a long line is cut here; its rest stays in the socket
+    char end = 0;
+    int const got = so_readLineStep(buf + n, size - 1 - n, s, false, &end);
+    if (got < 0) {
       buf[n] = '\0';
       return 0;
     }
-    if (c == '\n') {
-      buf[n] = '\0';
-      return 1;
-    }
-    if (c == '\r') {
-      // CR LF is one line end; a lone CR must not swallow the next line's
-      // first byte, so look before taking.
-      char next = 0;
-      if (sp::SockRecv(s, &next, 1, true) == 1 && next == '\n')
-        sp::SockRecv(s, &next, 1);
-      buf[n] = '\0';
-      return 1;
-    }
-    buf[n++] = c;
+    n += static_cast<unsigned>(got);
+    if (end == '\r')
+      so_takePairedLf(s, false);
+    if (end != 0)
+      break;
   }
+  buf[n] = '\0';
+  return 1;
 }
 
 int so_readInt(SOCKET s) {

@@ -44,10 +44,20 @@ SHAREDLIB_API int _closesocket(SOCKET s);
 // and returns len, or returns the failing call's 0/-1 (bytes already read
 // are left in buf but not counted). -1 for bad arguments.
 SHAREDLIB_API int so_read(char *buf, unsigned len, sockaddr_in *from, SOCKET s, int readAll);
-// One line, one byte per recv. LF, CR and CR LF end it (not stored); a line
-// of size - 1 bytes is cut and counts as complete. 1 for a line, 0 when the
-// stream ended first (what was read is still terminated in buf).
+// One line, read in blocks without taking a byte past its end. LF, CR and
+// CR LF end it (not stored); a line of size - 1 bytes is cut and counts as
+// complete. 1 for a line, 0 when the stream ended first (what was read is
+// still terminated in buf).
 SHAREDLIB_API int so_readLine(char *buf, unsigned size, SOCKET s);
+// One step of such a read: peeks up to room (> 0) bytes that have arrived
+// into dst and consumes those that belong to the line, with its end. The
+// bytes stored (>= 0), with *end 0 (no end seen yet), '\n' (LF or CR LF
+// taken) or '\r' (a CR ended what had arrived: a LF may still follow, which
+// belongs to it); -2 when the stream ended; -1 when it failed or (dontWait)
+// had nothing yet (see the last socket error).
+SHAREDLIB_API int so_readLineStep(char *dst, unsigned room, SOCKET s, bool dontWait, char *end);
+// After a step ended in '\r': takes the LF that pairs with it, if it is next.
+SHAREDLIB_API void so_takePairedLf(SOCKET s, bool dontWait);
 // atoi of one line (cut at 512); -1 when s is -1 or no line could be read.
 SHAREDLIB_API int so_readInt(SOCKET s);
 // One sendto, no retry; -1 for bad arguments.

@@ -90,6 +90,11 @@ int TxtBuf_reg::TakeOut(unsigned lineLen, unsigned used, char *line, unsigned si
   head_ += used;
   size_ -= used;
   scanned_ = 0;
-  if (size_ == 0) head_ = 0;
+  if (size_ == 0) {
+    head_ = 0;
+    // A long line grew the storage; holding it for every connection that
+    // once sent one would pin megabytes, so a drained register gives it back.
+    if (buf_.size() > kKeepBytes) std::vector<char>().swap(buf_);
+  }
   return static_cast<int>(copied) + 1;
 }

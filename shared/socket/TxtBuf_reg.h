@@ -7,7 +7,8 @@
 // that never ends its line cannot stall the socket. Bytes are kept as they
 // are (a NUL inside a line is data).
 //
-// Layout of the storage (grown on demand up to the capacity):
+// Layout of the storage (grown on demand up to the capacity, freed when the
+// register drains after growing past kKeepBytes):
 //
 //   buf_: [ consumed | pending bytes ........ | free ]
 //         0          head_                     head_+size_
@@ -22,6 +23,10 @@
 class SHAREDLIB_API TxtBuf_reg {
 public:
   static constexpr unsigned kMaxLine = 65535;
+  // Storage up to this size is kept when the register drains; more is freed.
+  static constexpr std::size_t kKeepBytes = 4096;
+  // Bytes of storage held (for tests and memory accounting).
+  std::size_t StorageBytes() const { return buf_.capacity(); }
 
   explicit TxtBuf_reg(unsigned capacity = kMaxLine);
 

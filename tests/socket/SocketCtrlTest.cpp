@@ -1187,4 +1187,64 @@ TEST(SocketCtrlScale, OutOfDescriptorsDoesNotSpinAndRecovers) {
   EXPECT_EQ(0, WEXITSTATUS(status)) << "3: accepted while out of descriptors, 4: spun, 5: never resumed";
 }
 
+// Replies written by the callbacks of a pass are gathered per socket: they
+// still arrive in order, to every socket written, and a socket closed by its
+// callback gets its replies before the end of the stream.
+TEST_P(SocketCtrlTest, RepliesOfAPassArriveInOrderAndBeforeTheirClose) {
+  auto sv = Serve(2);
+  sv->srv->SetTxtMode();
+  Recorder &rec = sv->rec;
+  unsigned const other = sv->S(1);
+  rec.onData = [&](SocketCtrl *c, unsigned s, char *d, unsigned) {
+    std::string const line(d);
+    EXPECT_EQ(1, c->writeLine(("re:" + line).c_str(), s, EOL_CRLF));
+    EXPECT_EQ(1, c->writeLine(("to:" + line).c_str(), other, EOL_LF));
+    return line == "bye" ? 0 : 1;
+  };
+  SendAll(sv->fds[0], "a\nb\nbye\nlost\n");
+  ASSERT_TRUE(PumpUntil(*sv->srv, &rec, [&] { return !rec.closes.empty(); }));
+  std::string const replies = "re:a\r\nre:b\r\nre:bye\r\n";
+  EXPECT_EQ(replies, ReadN(sv->fds[0], replies.size() + 1)) << "nothing after the refused line";
+  std::string const copies = "to:a\nto:b\nto:bye\n";
+  EXPECT_EQ(copies, ReadN(sv->fds[1], copies.size()));
+  // A write outside a pass goes out at once.
+  ASSERT_EQ(1, sv->srv->writeLine("now", other, EOL_LF));
+  EXPECT_EQ("now\n", ReadN(sv->fds[1], 4));
+}
+
+// A wake-up that comes before the pass starts waiting is not lost.
+TEST_P(SocketCtrlTest, WakeUpBeforeTheWaitEndsTheNextPassAtOnce) {
+  auto srv = Make("srv");
+  Listen(*srv);
+  Recorder rec;
+  srv->WakeUp();
+  auto const begin = Clock::now();
+  EXPECT_EQ(1, srv->accept(&rec, 30));
+  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(15));
+  // It was spent: the next pass waits its time (a short one here).
+  EXPECT_EQ(1, srv->accept(&rec, 0));
+}
+
+// A binary-mode callback handed a full receive buffer may end it with a NUL.
+TEST(SocketCtrlBinary, FullReceiveBufferHasRoomForATerminator) {
+  SocketCtrl srv(nullptr, 1, 16, 0, 1, "srv");
+  unsigned ls = 0;
+  int port = 0;
+  ASSERT_EQ(1, srv.listen("tcp", 4, 0, "127.0.0.1", nullptr, &ls, 0, &port));
+  Recorder rec;
+  rec.onData = [](SocketCtrl *, unsigned, char *d, unsigned len) {
+    d[len] = '\0';
+    return 1;
+  };
+  int fd = Dial(port);
+  ASSERT_GE(fd, 0);
+  SendAll(fd, std::string(16, 'x'));
+  auto const end = Clock::now() + kDeadline;
+  while (rec.data.empty() && Clock::now() < end)
+    srv.accept(&rec, 1);
+  ASSERT_FALSE(rec.data.empty());
+  EXPECT_EQ(16u, rec.data[0].second.size());
+  ::close(fd);
+}
+
 }  // namespace

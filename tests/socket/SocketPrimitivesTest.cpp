@@ -79,6 +79,26 @@ TEST(SoReadLine, LongLineIsCutAndTheRestComesNext) {
   EXPECT_EQ(1, r);
 }
 
+// The line is read in blocks, yet every byte after it stays in the socket
+// for whoever reads next, whichever end the line has.
+TEST(SoReadLine, BytesAfterTheLineStayInTheSocket) {
+  StreamPair p;
+  int r = 0;
+  for (std::string end : {"\n", "\r\n", "\r"}) {
+    p.Send("head" + end + "rest");
+    EXPECT_EQ("head", ReadLine(p.s, 100, &r));
+    EXPECT_EQ(1, r);
+    char rest[16] = {};
+    EXPECT_EQ(4, ::recv(static_cast<int>(p.s), rest, sizeof(rest), MSG_DONTWAIT)) << "after " << end.size();
+    EXPECT_STREQ("rest", rest);
+  }
+  // A line close to the buffer size comes whole, its successor next.
+  std::string const longLine(550, 'L');
+  p.Send(longLine + "\nnext\n");
+  EXPECT_EQ(longLine, ReadLine(p.s, 600, &r));
+  EXPECT_EQ("next", ReadLine(p.s, 600, &r));
+}
+
 TEST(SoReadLine, PeerClosingMidLineKeepsTheBytesAndReturnsZero) {
   StreamPair p;
   p.Send(std::string("x\0y", 3));

@@ -70,4 +70,24 @@ TEST(TxtBuf_regTest, RoomPendingCutAndReset) {
   EXPECT_EQ(reg.GetLine(small, sizeof(small)), 0);
 }
 
+// A long line grows the storage and draining frees it; the freeing must not
+// lose the state of a CR LF split across reads nor a line split around it.
+TEST(TxtBuf_regTest, GrownRegisterShrinksWhenDrainedAndKeepsSplitLinesWhole) {
+  TxtBuf_reg reg;
+  std::vector<char> line(TxtBuf_reg::kMaxLine + 1);
+  auto const size = static_cast<unsigned>(line.size());
+  std::string const big = std::string(60000, 'b') + "\r";
+  ASSERT_EQ(big.size(), reg.Put(big.data(), static_cast<unsigned>(big.size())));
+  EXPECT_GE(reg.StorageBytes(), big.size());
+  ASSERT_EQ(60001, reg.GetLine(line.data(), size));
+  EXPECT_LE(reg.StorageBytes(), TxtBuf_reg::kKeepBytes);
+  // The CR's LF arrives now, with the head of the next line.
+  ASSERT_EQ(5u, reg.Put("\npart", 5));
+  EXPECT_EQ(0, reg.GetLine(line.data(), size));
+  ASSERT_EQ(5u, reg.Put("ial\r\n", 5));
+  EXPECT_EQ(8, reg.GetLine(line.data(), size));
+  EXPECT_STREQ("partial", line.data());
+  EXPECT_EQ(0u, reg.Pending());
+}
+
 }  // namespace
