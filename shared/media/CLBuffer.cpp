@@ -1,5 +1,7 @@
 #include "media/CLBuffer.h"
 
+#include <cstdint>
+
 #include <cstring>
 #include <new>
 
@@ -135,12 +137,15 @@ namespace {
 constexpr unsigned kNoPos = shared::detail::SortedIdVector<CLCtrlData>::kNotFound;
 
 std::size_t StrideFor(unsigned slotSize) {
-  constexpr std::size_t kAlign = alignof(CLDataBuf);
-  constexpr std::size_t kMax = static_cast<std::size_t>(-1);
-  if (slotSize == 0 || slotSize > kMax - CLDataBuf::kHeaderSize - kAlign)
+  constexpr std::uint64_t kAlign = alignof(CLDataBuf);
+  if (slotSize == 0)
     return 0;
-  std::size_t payload = (static_cast<std::size_t>(slotSize) + kAlign - 1) / kAlign * kAlign;
-  return CLDataBuf::kHeaderSize + payload;
+  // Summed in 64 bits, where a 32-bit size plus the header cannot overflow;
+  // the round trip refuses a stride that a 32-bit size_t cannot hold.
+  std::uint64_t stride = CLDataBuf::kHeaderSize + (std::uint64_t{slotSize} + kAlign - 1) / kAlign * kAlign;
+  if (static_cast<std::uint64_t>(static_cast<std::size_t>(stride)) != stride)
+    return 0;
+  return static_cast<std::size_t>(stride);
 }
 
 }  // namespace
