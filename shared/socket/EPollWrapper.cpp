@@ -116,10 +116,21 @@ int EPollWrapper::set(unsigned int fd, void *ctx, int) {
 }
 
 void EPollWrapper::clr(unsigned int fd) {
+  unwatch(fd);
+  forget(fd);
+}
+
+// Only the kernel set is touched: epoll_ctl is safe beside a running
+// epoll_wait, the slots are not.
+void EPollWrapper::unwatch(unsigned int fd) {
+  if (fd == kNoSocket || state_ == nullptr) return;
+  state_->kernel.Remove(static_cast<int>(fd));  // fails harmlessly when not registered
+}
+
+void EPollWrapper::forget(unsigned int fd) {
   if (fd == kNoSocket || state_ == nullptr || nfds_ == 0) return;
   State &s = *state_;
   if (State::Slot *slot = s.SlotOf(fd); slot != nullptr && slot->registered) {
-    s.kernel.Remove(static_cast<int>(fd));
     slot->registered = false;
     slot->ctx = nullptr;
     ++slot->gen;  // results of the current wait for fd are now stale

@@ -26,6 +26,8 @@ public:
   unsigned long GetMode() override;
   int set(unsigned int fd, void *ctx, int events) override;
   void clr(unsigned int fd) override;
+  void unwatch(unsigned int fd) override;
+  void forget(unsigned int fd) override;
   void zero() override;
   int EventHandler(unsigned long events, long timeoutMs, int nfds) override;
   unsigned int firstEvent(unsigned long *events, unsigned int *pos, void **ctx) override;

@@ -18,6 +18,12 @@ int SockEventsWrapper::init() { return 1; }
 
 void SockEventsWrapper::reset() { nfds_ = 0; }
 
+// Backends that rebuild their system set for every wait have nothing to tell
+// the system early.
+void SockEventsWrapper::unwatch(unsigned int) {}
+
+void SockEventsWrapper::forget(unsigned int fd) { clr(fd); }
+
 unsigned long SockEventsWrapper::ReadyMask(unsigned pollFlags, unsigned long asked) {
   unsigned long mask = 0;
   if (pollFlags & static_cast<unsigned>(pf::kPollErr | pf::kPollHup | pf::kPollNval)) mask = asked & 7u;

@@ -67,6 +67,12 @@ public:
   virtual int set(unsigned int fd, void *ctx, int events) = 0;
   // Undoes one set; the socket stops being watched at once.
   virtual void clr(unsigned int fd) = 0;
+  // For a socket to be closed while another thread is in EventHandler:
+  // unwatch stops the system watching it at once and may run alongside that
+  // wait; the waiting thread later calls forget, which undoes the set in the
+  // bookkeeping only, because by then the number may belong to a new socket.
+  virtual void unwatch(unsigned int fd);
+  virtual void forget(unsigned int fd);
   // Unregisters everything.
   virtual void zero() = 0;
   // Waits up to timeoutMs for any registered socket to be ready for a kind in

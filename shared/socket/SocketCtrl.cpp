@@ -314,6 +314,10 @@ void SocketCtrl::DemuxClr(SOCKET s) {
   if (!demux_)
     return;
   if (waiting_) {
+    // The socket may be closed as soon as this returns and its number
+    // reused before the pass applies the change: the system must let go of
+    // it now, and the pass only forgets it.
+    demux_->unwatch(s);
     demuxPending_.emplace_back(s, false);
     Wake();
   } else
@@ -326,7 +330,7 @@ void SocketCtrl::ApplyDemuxChanges() {
       if (add && !demux_->set(s, nullptr, static_cast<int>(kSewRead)))
         closeSSock(s);  // the backend is full (select): the socket cannot be watched
       else if (!add)
-        demux_->clr(s);
+        demux_->forget(s);
     }
   }
   demuxPending_.clear();
