@@ -98,6 +98,7 @@ void fdVector::zero() {
   fds_.clear();
   pos_.clear();
   bigPos_.clear();
+  cursor_ = 1;  // clr relies on the cursor never standing past count() + 1
 }
 
 void fdVector::place(std::uint32_t fd, std::uint32_t pos) {

@@ -168,6 +168,17 @@ TEST(fdVectorTest, GrowsWithoutLimitAndNeverHoldsASocketTwice) {
   EXPECT_EQ(v.count(), 0);
   EXPECT_EQ(v.isset(3), 0);
   EXPECT_EQ(v.first(nullptr), kNone);
+
+  // Emptied in mid-walk: a later removal must not take the old cursor for
+  // a place in the smaller set.
+  for (unsigned fd : {1u, 2u, 3u}) v.set(fd);
+  v.first(nullptr);
+  v.next(nullptr);
+  v.zero();
+  EXPECT_EQ(v.set(9), 1);
+  EXPECT_EQ(v.clr(9), 0);
+  EXPECT_EQ(v.count(), 0);
+  EXPECT_EQ(v.isset(2), 0);
 }
 
 // Accept/close churn over many sockets: random adds and removals against a
