@@ -2,15 +2,14 @@
 
 #include "socket/TxtBuf_reg.h"
 
-#include <algorithm>
 #include <cstring>
 #include <new>
 
 namespace {
 constexpr unsigned int kNoSocket = 0xFFFFFFFFu;
 // fdVector indexes sockets below this number directly (descriptor numbers
-// stay below the process limit); a larger handle is searched for instead, so
-// a stray value never makes the index huge.
+// stay below the process limit); a larger handle goes to a hash instead, so a
+// stray value never makes the index huge.
 constexpr unsigned int kDenseLimit = 1u << 20;
 }  // namespace
 
@@ -98,37 +97,58 @@ int fdVector::count() { return static_cast<int>(fds_.size()); }
 void fdVector::zero() {
   fds_.clear();
   pos_.clear();
+  bigPos_.clear();
+  cursor_ = 1;  // clr relies on the cursor never standing past count() + 1
+}
+
+void fdVector::place(std::uint32_t fd, std::uint32_t pos) {
+  fds_[pos - 1] = fd;
+  if (fd < kDenseLimit)
+    pos_[fd] = pos;
+  else
+    bigPos_[fd] = pos;
 }
 
 int fdVector::set(unsigned int fd) {
   if (fd == kNoSocket || isset(fd) != 0) return 0;
   try {
     if (fd < kDenseLimit && fd >= pos_.size()) pos_.resize(static_cast<std::size_t>(fd) + 1, 0);
+    if (fd >= kDenseLimit) bigPos_.emplace(fd, 0);
     fds_.push_back(fd);
   } catch (std::bad_alloc const &) {
+    bigPos_.erase(fd);
     return 0;
   }
-  if (fd < kDenseLimit) pos_[fd] = static_cast<std::uint32_t>(fds_.size());
+  place(fd, static_cast<std::uint32_t>(fds_.size()));
   return static_cast<int>(fds_.size());
 }
 
 int fdVector::clr(unsigned int fd) {
   std::uint32_t const at = static_cast<std::uint32_t>(isset(fd));
   if (at == 0) return count();
-  fds_.erase(fds_.begin() + (at - 1));
-  if (fd < kDenseLimit) pos_[fd] = 0;
-  for (std::size_t i = at - 1; i < fds_.size(); ++i) {
-    if (fds_[i] < kDenseLimit) pos_[fds_[i]] = static_cast<std::uint32_t>(i + 1);
+  std::uint32_t const last = static_cast<std::uint32_t>(fds_.size());
+  if (at < cursor_) {
+    // Already walked: the last walked socket takes the gap, and the cursor
+    // steps back onto its old place, which the last socket then takes.
+    std::uint32_t const walked = cursor_ - 1;
+    place(fds_[walked - 1], at);
+    if (walked != last) place(fds_[last - 1], walked);
+    --cursor_;
+  } else if (at != last) {
+    place(fds_[last - 1], at);
   }
-  // Keep a walk in progress on the socket it would have returned next.
-  if (at < cursor_) --cursor_;
+  fds_.pop_back();
+  if (fd < kDenseLimit)
+    pos_[fd] = 0;
+  else
+    bigPos_.erase(fd);
   return static_cast<int>(at - 1);
 }
 
 int fdVector::isset(unsigned int fd) {
   if (fd < kDenseLimit) return fd < pos_.size() ? static_cast<int>(pos_[fd]) : 0;
-  auto it = std::find(fds_.begin(), fds_.end(), fd);
-  return it == fds_.end() ? 0 : static_cast<int>(it - fds_.begin() + 1);
+  auto it = bigPos_.find(fd);
+  return it == bigPos_.end() ? 0 : static_cast<int>(it->second);
 }
 
 unsigned int fdVector::getfd(unsigned int pos) { return pos == 0 || pos > fds_.size() ? kNoSocket : fds_[pos - 1]; }

@@ -1,18 +1,19 @@
-// FdCtrl.h: sets of sockets kept in insertion order, with a cursor.
+// FdCtrl.h: sets of sockets with 1-based positions and a cursor.
 //
 //   IfdCtrl        the interface (count, zero, clr, set, isset, getfd,
 //                  first/next); positions are 1-based, 0 means none
-//   Myfd_set       fixed capacity of 2048, with the historical duplicate
-//                  rule of set (see there)
+//   Myfd_set       fixed capacity of 2048, insertion order, with the
+//                  historical duplicate rule of set (see there)
 //   ITxtBufCtrl    per-socket text line buffers; defaults do nothing
 //   IfdACtrl       IfdCtrl + ITxtBufCtrl: what a SocketCtrl hands out as its
 //                  active-socket set
-//   fdVector       growable, no duplicates, O(1) isset; text defaults
+//   fdVector       growable, no duplicates; set, clr and isset cost the same
+//                  whatever the count (see there); text defaults
 //   fdATxtSVector  an fdVector that keeps one TxtBuf_reg per socket
 //
-// Removing a socket while first/next walk the set keeps the walk intact:
-// a removal before the cursor moves the cursor back with the entries, so the
-// walk neither skips nor repeats a socket.
+// Removing a socket while first/next walk the set keeps the walk intact: it
+// neither skips nor repeats a socket, whichever socket is removed (the
+// current one, one already returned, or one still to come).
 //
 // Threads: no locks; the owner (a SocketCtrl, under its lock) serialises use.
 #pragma once
@@ -103,6 +104,14 @@ public:
 
 // Growable set without a capacity limit. Unlike Myfd_set it never holds a
 // socket twice: set of a present socket returns 0.
+//
+// Sockets stand in a dense array, found through a table indexed by socket
+// number (a hash for numbers of 2^20 and above), so set, clr and isset do not
+// depend on the count. set appends. clr fills the gap with the last socket
+// instead of shifting the rest, so the order is insertion order only until
+// the first removal; no caller depends on more. During a walk, a removal of
+// a socket already returned first moves the last returned socket into the
+// gap, so the not yet returned ones stay behind the cursor.
 class SHAREDLIB_API fdVector : public IfdACtrl {
 public:
   fdVector();
@@ -118,8 +127,10 @@ public:
   unsigned int next(unsigned int *pos) override;
 
 private:
-  std::vector<std::uint32_t> fds_;  // insertion order
-  std::vector<std::uint32_t> pos_;  // by socket number: 1-based position, 0 = absent
+  void place(std::uint32_t fd, std::uint32_t pos);  // records fds_[pos - 1] = fd
+  std::vector<std::uint32_t> fds_;  // dense; [0, cursor_ - 1) already walked
+  std::vector<std::uint32_t> pos_;  // by socket number below 2^20: 1-based position, 0 = absent
+  std::unordered_map<std::uint32_t, std::uint32_t> bigPos_;  // the same for larger numbers
   std::uint32_t cursor_ = 1;
 };
 

@@ -1,11 +1,14 @@
-// The fd sets: Myfd_set's fixed rules, fdVector, and the walk under removal.
+// The fd sets: Myfd_set's fixed rules, fdVector's table, and walks under removal.
 #include "DemuxTestSupport.h"
 
 #include "socket/TxtBuf_reg.h"
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <memory>
+#include <random>
+#include <set>
 #include <vector>
 
 using namespace demux_test;
@@ -60,10 +63,10 @@ TEST(Myfd_setTest, HoldsExactly2048) {
 }
 
 // Removing sockets while walking (what a dispatch pass does when a callback
-// closes its own or another socket) neither skips nor repeats one.
-template <typename Set>
-void CheckRemovalDuringWalk() {
-  Set s;
+// closes its own or another socket) neither skips nor repeats one; Myfd_set
+// also keeps the order of the rest.
+TEST(Myfd_setTest, RemovalDuringWalkKeepsTheOrder) {
+  Myfd_set s;
   for (unsigned fd = 1; fd <= 6; ++fd) s.set(fd);
   std::vector<unsigned int> seen;
   unsigned int pos = 0;
@@ -77,8 +80,68 @@ void CheckRemovalDuringWalk() {
   EXPECT_EQ(WalkAll(s), (std::vector<unsigned int>{3, 4, 5}));
 }
 
-TEST(Myfd_setTest, RemovalDuringWalk) { CheckRemovalDuringWalk<Myfd_set>(); }
-TEST(fdVectorTest, RemovalDuringWalk) { CheckRemovalDuringWalk<fdVector>(); }
+// Every position answers both ways and the set holds exactly the model.
+void ExpectHolds(fdVector &v, std::set<unsigned int> const &model) {
+  ASSERT_EQ(v.count(), static_cast<int>(model.size()));
+  std::set<unsigned int> held;
+  for (int p = 1; p <= v.count(); ++p) {
+    unsigned int const fd = v.getfd(static_cast<unsigned int>(p));
+    ASSERT_EQ(v.isset(fd), p) << fd;
+    held.insert(fd);
+  }
+  EXPECT_EQ(held, model);
+}
+
+// fdVector fills a gap with another socket, so its walk is checked against a
+// model: a socket held when the walk starts, or added during it, is returned
+// exactly once unless removed before its turn; a removed one never is.
+// Numbers on both sides of the direct index's limit take part.
+TEST(fdVectorTest, WalkWithRemovalsAndAdditionsReturnsEachSocketOnce) {
+  std::mt19937 rng(14);
+  std::vector<unsigned int> pool;
+  for (unsigned int fd = 0; fd < 40; ++fd) pool.push_back(fd);
+  for (unsigned int fd = (1u << 20) - 4; fd < (1u << 20) + 4; ++fd) pool.push_back(fd);
+  pool.push_back(0xFFFFFFF0u);
+  auto pick = [&](auto const &from) {
+    auto it = from.begin();
+    std::advance(it, static_cast<long>(rng() % from.size()));
+    return *it;
+  };
+  fdVector v;
+  std::set<unsigned int> model;
+  for (int walk = 0; walk < 300; ++walk) {
+    while (model.size() < 25) {
+      unsigned int const fd = pick(pool);
+      if (model.insert(fd).second) {
+        ASSERT_EQ(v.set(fd), static_cast<int>(model.size()));
+      }
+    }
+    std::set<unsigned int> due = model;
+    unsigned int pos = 0;
+    for (unsigned int fd = v.first(&pos); fd != kNone; fd = v.next(&pos)) {
+      ASSERT_EQ(due.erase(fd), 1u) << "socket " << fd << " returned twice, or after its removal";
+      ASSERT_EQ(v.getfd(pos), fd);
+      unsigned int const action = rng() % 4;
+      unsigned int const victim = action == 0 ? fd : pick(model);
+      if (action <= 1) {  // remove the current socket or any other
+        int const at = v.isset(victim);
+        ASSERT_EQ(v.clr(victim), at - 1);
+        model.erase(victim);
+        due.erase(victim);
+      } else if (action == 2) {  // add one: it is still to come
+        unsigned int const fresh = pick(pool);
+        if (model.insert(fresh).second) {
+          ASSERT_NE(v.set(fresh), 0);
+          due.insert(fresh);
+        }
+      }
+      if (model.empty()) break;
+    }
+    EXPECT_TRUE(due.empty()) << due.size() << " sockets skipped in walk " << walk;
+    ExpectHolds(v, model);
+    if (HasFatalFailure()) return;
+  }
+}
 
 TEST(fdVectorTest, GrowsWithoutLimitAndNeverHoldsASocketTwice) {
   fdVector v;
@@ -87,17 +150,57 @@ TEST(fdVectorTest, GrowsWithoutLimitAndNeverHoldsASocketTwice) {
   EXPECT_EQ(v.count(), 5000);
   EXPECT_EQ(v.isset(3 * 4999), 5000);
   EXPECT_EQ(v.clr(0), 0);
-  EXPECT_EQ(v.isset(3), 1);
-  EXPECT_EQ(v.isset(3 * 4999), 4999);
+  EXPECT_EQ(v.clr(0), 4999);  // absent: the count
+  EXPECT_EQ(v.isset(3 * 4999), 1);  // the last one took the gap
+  EXPECT_EQ(v.isset(3), 2);
+  // A removed number comes back once, at the end.
+  EXPECT_EQ(v.set(0), 5000);
+  EXPECT_EQ(v.set(0), 0);
+  EXPECT_EQ(v.isset(0), 5000);
   // Handles far beyond any descriptor number are held too.
-  EXPECT_EQ(v.set(0xFFFFFFF0u), 5000);
-  EXPECT_EQ(v.isset(0xFFFFFFF0u), 5000);
-  EXPECT_EQ(v.clr(0xFFFFFFF0u), 4999);
+  EXPECT_EQ(v.set(0xFFFFFFF0u), 5001);
+  EXPECT_EQ(v.isset(0xFFFFFFF0u), 5001);
+  EXPECT_EQ(v.set(0xFFFFFFF0u), 0);
+  EXPECT_EQ(v.clr(0xFFFFFFF0u), 5000);
   EXPECT_EQ(v.isset(0xFFFFFFF0u), 0);
+  EXPECT_EQ(v.set(kNone), 0);
   v.zero();
   EXPECT_EQ(v.count(), 0);
   EXPECT_EQ(v.isset(3), 0);
   EXPECT_EQ(v.first(nullptr), kNone);
+
+  // Emptied in mid-walk: a later removal must not take the old cursor for
+  // a place in the smaller set.
+  for (unsigned fd : {1u, 2u, 3u}) v.set(fd);
+  v.first(nullptr);
+  v.next(nullptr);
+  v.zero();
+  EXPECT_EQ(v.set(9), 1);
+  EXPECT_EQ(v.clr(9), 0);
+  EXPECT_EQ(v.count(), 0);
+  EXPECT_EQ(v.isset(2), 0);
+}
+
+// Accept/close churn over many sockets: random adds and removals against a
+// model, with the positions checked at intervals.
+TEST(fdVectorTest, ChurnOverManySocketsKeepsEveryPosition) {
+  std::mt19937 rng(7);
+  fdVector v;
+  std::set<unsigned int> model;
+  for (int op = 1; op <= 200000; ++op) {
+    unsigned int const fd = rng() % 20000;
+    if (model.count(fd) != 0) {
+      ASSERT_NE(v.clr(fd), v.count());
+      model.erase(fd);
+    } else {
+      ASSERT_EQ(v.set(fd), static_cast<int>(model.size() + 1));
+      model.insert(fd);
+    }
+    if (op % 50000 == 0) {
+      ExpectHolds(v, model);
+      if (HasFatalFailure()) return;
+    }
+  }
 }
 
 TEST(fdATxtSVectorTest, EachSocketHasItsOwnRegisterForItsTimeInTheSet) {
