@@ -30,7 +30,6 @@ unsigned SockOf(unsigned key) { return key - 1; }
 SendQueue::SendQueue(unsigned int slotSize, unsigned int initialSlots, unsigned int growthSlots)
     : CLBuffer(slotSize, initialSlots, 0, 0, 1, 0, growthSlots) {
   lock_ = new _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
-  readBuf_.resize(kMaxReadBytes);
   if (CLBuffer::IsOk() && lock_->IsOk())
     StartSendQueueThread();
   else
@@ -246,35 +245,7 @@ int SendQueue::SendQueuedData(int /*mode*/, unsigned int sock) {
   return complete ? 1 : 0;
 }
 
-unsigned SendQueue::PeekFront(unsigned key, char *buf, unsigned max, SocketCtrl **ctrl, unsigned *held,
-                              unsigned *firstSlot) {
-  *ctrl = nullptr;
-  *held = *firstSlot = 0;
-  unsigned len = max;
-  __int64 user = 0;
-  int done = 0;
-  if (CLBuffer::first(key, buf, &len, &user, 0, &done) != key)
-    return 0;
-  *ctrl = reinterpret_cast<SocketCtrl *>(static_cast<std::intptr_t>(user));
-  *firstSlot = len;
-  CLCtrlData const *rec = FindRecord(key);
-  if (!rec)
-    return 0;
-  *held = rec->GetBytes();
-  CLDataBuf const *slot = rec->GetFirstSlot();
-  for (slot = slot ? slot->next : nullptr; slot && len < max; slot = slot->next) {
-    unsigned n = std::min(slot->used, max - len);
-    std::memcpy(buf + len, slot->data, n);
-    len += n;
-  }
-  return len;
-}
-
-void SendQueue::DropFront(unsigned key, unsigned n, unsigned firstSlot) {
-  unsigned head = std::min(n, firstSlot);
-  if (head > 0)
-    CLBuffer::poplastop(key, head);
-  n -= head;
+void SendQueue::DropFront(unsigned key, unsigned n) {
   while (n > 0) {
     unsigned take = n;
     int done = 0;
@@ -313,22 +284,94 @@ void SendQueue::DropBack(unsigned key, unsigned n) {
     CLBuffer::erase(key);
 }
 
+// Unframed bytes: as many as the allowance lets go, in one gathered send.
+// True when the socket must wait even if every planned byte goes out.
+bool SendQueue::PlanStream(unsigned allow) {
+  unsigned const planned = front_.AddRange(0, allow, &pieces_);
+  return planned == allow && allow < front_.Bytes();
+}
+
+// Framed messages, payloads only: every whole message that fits the
+// allowance and the gather bound, in one send. A message goes whole or
+// waits, except one that can never go whole in one read or within one
+// second's limit: it goes in pieces (of the read, of the allowance). A
+// message cut only by the gather bound is judged whole against the
+// allowance and finished by the next send of the same turn. True when the
+// socket must wait even if every planned byte goes out.
+bool SendQueue::PlanFramed(unsigned held, unsigned allow, unsigned rateLimit) {
+  unsigned const len = front_.Bytes();
+  unsigned pos = 0;
+  unsigned left = allow;
+  for (;;) {
+    if (pos == len)
+      return false;  // read on
+    std::uint32_t msgLen = 0;
+    if (!front_.ReadLength(pos, &msgLen))
+      return held == len;  // a prefix cut by the read: read on from it
+    unsigned const have = len - pos - 4;
+    unsigned piece = msgLen;
+    if (msgLen > have) {
+      if (held - pos - 4 < msgLen)
+        return true;  // its bytes are not all queued
+      if (have == 0)
+        return false;  // read on from its prefix
+      piece = have;    // held whole but longer than this read
+    }
+    if (piece > left) {
+      if (left == 0 || msgLen <= rateLimit)
+        return true;  // waits for a second with room for it whole
+      piece = left;   // longer than a whole second's allowance
+    }
+    unsigned const covered = front_.AddRange(pos + 4, piece, &pieces_);
+    if (covered > 0 || msgLen == 0)
+      msgs_.push_back(PlannedMessage{pos, msgLen, covered});
+    if (covered < msgLen)
+      return covered == piece && piece == left;
+    left -= covered;
+    pos += 4 + msgLen;
+  }
+}
+
+// After a framed send that took out bytes: the bytes to take off the front.
+// A message the peer took only in part keeps its unsent tail first in line:
+// dropping the sent bytes counted from its prefix leaves 4 bytes in front
+// of the tail, which become its new prefix (*rest).
+unsigned SendQueue::FramedDrop(unsigned out, std::uint32_t *rest, bool *begun) const {
+  unsigned drop = 0;
+  for (PlannedMessage const &m : msgs_) {
+    unsigned const took = std::min(out, m.covered);
+    out -= took;
+    if (took == m.length) {
+      drop = m.at + 4 + m.length;
+      continue;
+    }
+    drop = m.at + took;
+    if (took > 0) {
+      *rest = m.length - took;
+      *begun = true;
+    }
+    break;
+  }
+  return drop;
+}
+
 bool SendQueue::SendSocket(unsigned int sock, bool *progress) {
   unsigned const key = KeyOf(sock);
-  char *buf = readBuf_.data();
   for (;;) {
-    SocketCtrl *ctrl = nullptr;
-    unsigned held = 0, firstSlot = 0;
-    // The front of the socket's bytes, across slots: a framed message longer
-    // than a slot is read whole (up to the read size).
-    unsigned const len = PeekFront(key, buf, kMaxReadBytes, &ctrl, &held, &firstSlot);
-    if (len == 0) {
-      if (held == 0 && FindRecord(key))
+    CLCtrlData const *rec = FindRecord(key);
+    unsigned const held = rec ? rec->GetBytes() : 0;
+    if (held == 0) {
+      if (rec)
         CLBuffer::erase(key);
       return true;  // nothing queued
     }
+    auto *ctrl = reinterpret_cast<SocketCtrl *>(static_cast<std::intptr_t>(rec->GetUserData()));
     if (!ctrl || !ctrl->CanSendData(sock))
       return true;  // kept for a later pass; nothing was attempted
+    // The front of the socket's bytes, in place across slots: a framed
+    // message longer than a slot is seen whole (up to the read size).
+    front_.Load(*rec, kMaxReadBytes);
+    unsigned const len = front_.Bytes();
 
     ctrl->WaitSockOpt();
     SockOptions o;
@@ -340,88 +383,29 @@ bool SendQueue::SendSocket(unsigned int sock, bool *progress) {
     // socket cannot spend the same allowance; what is not sent goes back.
     unsigned const allow = accounting ? o.Reserve(len, now) : len;
 
-    unsigned drop = 0;        // bytes to take off the front of the queue
-    unsigned sent = 0;        // payload bytes that went out
-    bool stalled = false;     // stopped for something this pass cannot change
-    std::uint32_t rest = 0;   // framed: unsent length of a message begun
+    pieces_.clear();
+    msgs_.clear();
+    bool const mustWait = o.framed ? PlanFramed(held, allow, o.rateLimit) : PlanStream(allow);
+    unsigned planned = 0;
+    for (auto const &p : pieces_)
+      planned += p.len;
+    unsigned out = 0;
+    if (planned > 0 && ctrl->CanSendData(sock))
+      out = static_cast<unsigned>(
+          ctrl->SendFromQueue(pieces_.data(), static_cast<unsigned>(pieces_.size()), sock));
+    if (out > 0 && dump_ && CanDebug())
+      DumpSent(sock, out);
+
+    std::uint32_t rest = 0;
     bool begun = false;
-    if (!o.framed) {
-      if (allow > 0 && ctrl->CanSendData(sock)) {
-        sent = static_cast<unsigned>(ctrl->SendFromQueue(buf, allow, sock));
-      }
-      drop = sent;
-      stalled = sent < len;
-      if (sent && dump_ && CanDebug())
-        dump_->Dump(sock, buf, sent, 1);
-    } else {
-      // Message by message. A message goes whole or waits, except one that
-      // cannot ever go whole in one read or within one second's limit: it
-      // goes in pieces. A message the peer took only in part keeps its
-      // unsent tail first in line, under a length prefix rewritten to what
-      // is left, so nothing is lost, repeated or reordered.
-      while (!stalled) {
-        if (drop + 4 > len) {
-          stalled = drop == 0 || held == len;  // else: read on past this read
-          break;
-        }
-        std::uint32_t msgLen = 0;
-        std::memcpy(&msgLen, buf + drop, 4);
-        unsigned const have = len - drop - 4;
-        unsigned piece = msgLen;
-        if (msgLen > have) {
-          // A message whose bytes are not all queued waits for them; one
-          // held whole but longer than this read goes in pieces.
-          if (held - drop - 4 < msgLen) {
-            stalled = true;
-            break;
-          }
-          if (have == 0)
-            break;  // read on from the message's prefix
-          piece = have;
-        }
-        unsigned const left = allow - sent;
-        if (piece > left) {
-          if (left == 0 || msgLen <= o.rateLimit) {
-            stalled = true;
-            break;
-          }
-          piece = left;  // longer than a whole second's allowance: in pieces
-        }
-        if (!ctrl->CanSendData(sock)) {
-          stalled = true;
-          break;
-        }
-        unsigned out = 0;
-        if (piece > 0) {
-          out = static_cast<unsigned>(ctrl->SendFromQueue(buf + drop + 4, piece, sock));
-          if (out && dump_ && CanDebug())
-            dump_->Dump(sock, buf + drop + 4, out, 1);
-        }
-        sent += out;
-        if (out == msgLen) {
-          drop += 4 + msgLen;
-          continue;
-        }
-        if (out > 0) {
-          // Dropping out bytes past the prefix leaves 4 bytes in front of
-          // the tail: they become its new prefix.
-          drop += out;
-          rest = msgLen - out;
-          begun = true;
-        }
-        // A piece cut to this read is followed by a new read; a short send
-        // or a used-up allowance ends the socket's turn.
-        stalled = out < piece || piece == left;
-        break;
-      }
-    }
+    unsigned const drop = o.framed ? FramedDrop(out, &rest, &begun) : out;
     if (accounting) {
-      o.Settle(allow, sent, now);
+      o.Settle(allow, out, now);
       ctrl->UpdateSockOptions(sock, &o);
       ctrl->SignalSockOpt();
     }
     if (drop > 0) {
-      DropFront(key, drop, firstSlot);
+      DropFront(key, drop);
       if (progress)
         *progress = true;
     }
@@ -429,7 +413,17 @@ bool SendQueue::SendSocket(unsigned int sock, bool *progress) {
       ctrl->QueueDrained(sock);
     if (begun)
       SetFrontLength(key, rest);
-    if (stalled)
+    if (out < planned || mustWait || drop == 0)
       return false;
+  }
+}
+
+void SendQueue::DumpSent(unsigned sock, unsigned out) {
+  for (auto const &p : pieces_) {
+    if (out == 0)
+      break;
+    unsigned const n = std::min(out, p.len);
+    dump_->Dump(sock, static_cast<char const *>(p.data), n, 1);
+    out -= n;
   }
 }

@@ -38,6 +38,8 @@
 #include "media/CLBuffer.h"
 #include "platform/Export.h"
 #include "platform/Readiness.h"
+#include "platform/SocketApi.h"
+#include "socket/QueueFront.h"
 
 #include <atomic>
 #include <mutex>
@@ -127,14 +129,8 @@ private:
   // *progress (when given) is set when bytes left the queue.
   bool SendSocket(unsigned int sock, bool *progress);
   bool OnSendThread() const;
-  // Copies up to max bytes from the front of record key, across its slots
-  // (the first slot's part is a peek that DropFront commits). Returns the
-  // count; *ctrl is the record's controller, *held its bytes in all,
-  // *firstSlot the part read from its first slot.
-  unsigned PeekFront(unsigned key, char *buf, unsigned max, SocketCtrl **ctrl, unsigned *held,
-                     unsigned *firstSlot);
-  // Takes n bytes (no more than PeekFront read) off the front of record key.
-  void DropFront(unsigned key, unsigned n, unsigned firstSlot);
+  // Takes n bytes off the front of record key.
+  void DropFront(unsigned key, unsigned n);
   // Overwrites the first 4 bytes of record key (a framed message's prefix).
   void SetFrontLength(unsigned key, std::uint32_t length);
   // Takes n bytes off the back of record key: undoes an insert in part.
@@ -150,6 +146,20 @@ private:
   _SEMAPHORE *lock_ = nullptr;       // owned
   std::mutex threadMutex_;           // serialises start and stop
   shared::platform::WakeFd wake_;    // signalled by insert and stop
-  std::vector<char> readBuf_;        // guarded by lock_: one record read
+  // A framed message of a planned send: its offset in the front view, its
+  // length and the payload bytes the planned pieces cover.
+  struct PlannedMessage {
+    unsigned at;
+    std::uint32_t length;
+    unsigned covered;
+  };
+  bool PlanStream(unsigned allow);
+  bool PlanFramed(unsigned held, unsigned allow, unsigned rateLimit);
+  unsigned FramedDrop(unsigned out, std::uint32_t *rest, bool *begun) const;
+  void DumpSent(unsigned sock, unsigned out);
+
+  shared::socket::detail::QueueFront front_;           // guarded by lock_: a send's view
+  std::vector<shared::platform::SockPiece> pieces_;   // guarded by lock_: a send's pieces
+  std::vector<PlannedMessage> msgs_;                  // guarded by lock_: a framed send's plan
   std::vector<std::uint32_t> ids_;   // guarded by lock_: ids of a pass
 };

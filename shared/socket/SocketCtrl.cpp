@@ -1291,8 +1291,8 @@ void SocketCtrl::SettleAllowance(SOCKET s, unsigned reserved, unsigned sent, std
     it->second.Settle(reserved, sent, now);
 }
 
-int SocketCtrl::SendFromQueue(char const *buf, unsigned n, unsigned int sock) {
-  int r = sp::SockSend(sock, buf, n, true);
+int SocketCtrl::SendFromQueue(sp::SockPiece const *pieces, unsigned count, unsigned int sock) {
+  int r = sp::SockSendPieces(sock, pieces, count, true);
   if (r >= 0)
     return r;
   if (!SocketWouldBlock(-1))

@@ -54,6 +54,7 @@
 #include "platform/Export.h"
 #include "platform/Readiness.h"
 #include "platform/SockAddr.h"
+#include "platform/SocketApi.h"
 #include "platform/Types.h"
 #include "socket/SockEventsWrapper.h"
 
@@ -303,9 +304,10 @@ public:
   int writeFrag(char const *buf, unsigned int n, unsigned int fragSize, unsigned int sock, sockaddr_in *to);
   int _writeto(char const *buf, int len, sockaddr_in *to, unsigned int sock);
   int CanSendData(unsigned int sock);
-  // The send queue's send: never waits; the bytes sent (0 when none could
-  // be). A failure other than a full socket marks sock write-failed.
-  int SendFromQueue(char const *buf, unsigned n, unsigned int sock);
+  // The send queue's send of count pieces in one call: never waits; the
+  // bytes sent (0 when none could be). A failure other than a full socket
+  // marks sock write-failed.
+  int SendFromQueue(shared::platform::SockPiece const *pieces, unsigned count, unsigned int sock);
   // The send queue emptied sock's bytes: a socket that waits for them
   // before it closes is looked at again at once. Takes no lock.
   void QueueDrained(unsigned int sock);
