@@ -2,7 +2,6 @@
 
 #include "platform/Clock.h"
 #include "platform/Readiness.h"
-#include "socket/SocketCtrl.h"
 #include "thread/Semaphore.h"
 #include "thread/Thread.h"
 
@@ -24,6 +23,11 @@ constexpr unsigned kPauseSliceMs = 50;
 // Record id of a socket: descriptor 0 is a valid socket, id 0 is not.
 unsigned KeyOf(unsigned sock) { return sock + 1; }
 unsigned SockOf(unsigned key) { return key - 1; }
+
+// A record's user data is the sink that queued it.
+ISendSink *SinkOf(CLCtrlData const &rec) {
+  return reinterpret_cast<ISendSink *>(static_cast<std::intptr_t>(rec.GetUserData()));
+}
 
 }  // namespace
 
@@ -167,7 +171,7 @@ int SendQueue::ThreadLoop() {
 }
 
 unsigned int SendQueue::insert(unsigned int sock, char const *data, unsigned int len, unsigned int arg,
-                               SocketCtrl *ctrl, int flag) {
+                               ISendSink *ctrl, int flag) {
   if (sock == kNoSocket || !data || len == 0 || arg == 0 || !ctrl || !IsOk())
     return 0;
   SemGuard g(*lock_);
@@ -193,12 +197,12 @@ int SendQueue::erase(unsigned int sock) {
   return CLBuffer::erase(KeyOf(sock));
 }
 
-int SendQueue::EraseFor(unsigned int sock, SocketCtrl const *ctrl) {
+int SendQueue::EraseFor(unsigned int sock, ISendSink const *ctrl) {
   if (sock == kNoSocket)
     return 0;
   SemGuard g(*lock_);
   CLCtrlData const *rec = FindRecord(KeyOf(sock));
-  if (!rec || reinterpret_cast<SocketCtrl const *>(static_cast<std::intptr_t>(rec->GetUserData())) != ctrl)
+  if (!rec || SinkOf(*rec) != ctrl)
     return 0;
   return CLBuffer::erase(KeyOf(sock));
 }
@@ -365,52 +369,39 @@ bool SendQueue::SendSocket(unsigned int sock, bool *progress) {
         CLBuffer::erase(key);
       return true;  // nothing queued
     }
-    auto *ctrl = reinterpret_cast<SocketCtrl *>(static_cast<std::intptr_t>(rec->GetUserData()));
-    if (!ctrl || !ctrl->CanSendData(sock))
+    ISendSink *sink = SinkOf(*rec);
+    if (!sink || !sink->AcceptsQueued(sock))
       return true;  // kept for a later pass; nothing was attempted
     // The front of the socket's bytes, in place across slots: a framed
     // message longer than a slot is seen whole (up to the read size).
     front_.Load(*rec, kMaxReadBytes);
-    unsigned const len = front_.Bytes();
-
-    ctrl->WaitSockOpt();
-    SockOptions o;
-    bool const accounting = ctrl->GetSockOptions(sock, &o) && o.Accounting();
-    if (!accounting)
-      ctrl->SignalSockOpt();
-    std::int64_t const now = sp::NowSeconds();
-    // Reserved at once under the option lock, so a writer of the same
-    // socket cannot spend the same allowance; what is not sent goes back.
-    unsigned const allow = accounting ? o.Reserve(len, now) : len;
+    // Reserved before the send and settled after it, so a writer of the
+    // same socket cannot spend the same allowance.
+    SendTerms const terms = sink->ReserveQueued(sock, front_.Bytes());
 
     pieces_.clear();
     msgs_.clear();
-    bool const mustWait = o.framed ? PlanFramed(held, allow, o.rateLimit) : PlanStream(allow);
+    bool const mustWait = terms.framed ? PlanFramed(held, terms.allow, terms.rateLimit) : PlanStream(terms.allow);
     unsigned planned = 0;
     for (auto const &p : pieces_)
       planned += p.len;
     unsigned out = 0;
-    if (planned > 0 && ctrl->CanSendData(sock))
-      out = static_cast<unsigned>(
-          ctrl->SendFromQueue(pieces_.data(), static_cast<unsigned>(pieces_.size()), sock));
+    if (planned > 0 && sink->AcceptsQueued(sock))
+      out = sink->SendQueued(sock, pieces_.data(), static_cast<unsigned>(pieces_.size()));
     if (out > 0 && dump_ && CanDebug())
       DumpSent(sock, out);
+    sink->SettleQueued(sock, terms, out);
 
     std::uint32_t rest = 0;
     bool begun = false;
-    unsigned const drop = o.framed ? FramedDrop(out, &rest, &begun) : out;
-    if (accounting) {
-      o.Settle(allow, out, now);
-      ctrl->UpdateSockOptions(sock, &o);
-      ctrl->SignalSockOpt();
-    }
+    unsigned const drop = terms.framed ? FramedDrop(out, &rest, &begun) : out;
     if (drop > 0) {
       DropFront(key, drop);
       if (progress)
         *progress = true;
     }
     if (drop == held)
-      ctrl->QueueDrained(sock);
+      sink->QueueDrained(sock);
     if (begun)
       SetFrontLength(key, rest);
     if (out < planned || mustWait || drop == 0)

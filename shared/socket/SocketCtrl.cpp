@@ -1291,10 +1291,36 @@ void SocketCtrl::SettleAllowance(SOCKET s, unsigned reserved, unsigned sent, std
     it->second.Settle(reserved, sent, now);
 }
 
-int SocketCtrl::SendFromQueue(sp::SockPiece const *pieces, unsigned count, unsigned int sock) {
+bool SocketCtrl::AcceptsQueued(unsigned int sock) { return CanSendData(sock) != 0; }
+
+SendTerms SocketCtrl::ReserveQueued(unsigned int sock, unsigned want) {
+  SendTerms t;
+  t.allow = want;
+  if (optionCount_.load(std::memory_order_acquire) == 0)
+    return t;
+  SemGuard g(*optLock_);
+  auto it = options_.find(sock);
+  if (it == options_.end())
+    return t;
+  t.framed = it->second.framed != 0;
+  t.rateLimit = it->second.rateLimit;
+  if (it->second.Accounting()) {
+    t.accounting = true;
+    t.second = sp::NowSeconds();
+    t.allow = it->second.Reserve(want, t.second);
+  }
+  return t;
+}
+
+void SocketCtrl::SettleQueued(unsigned int sock, SendTerms const &terms, unsigned sent) {
+  if (terms.accounting)
+    SettleAllowance(sock, terms.allow, sent, terms.second);
+}
+
+unsigned SocketCtrl::SendQueued(unsigned int sock, sp::SockPiece const *pieces, unsigned count) {
   int r = sp::SockSendPieces(sock, pieces, count, true);
   if (r >= 0)
-    return r;
+    return static_cast<unsigned>(r);
   if (!SocketWouldBlock(-1))
     MarkWriteError(sock);
   return 0;
