@@ -428,6 +428,7 @@ private:
   void ForgetSendState(SOCKET s);
   void NoteMarks();    // markLock_ held: publishes the number of marks
   void NoteOptions();  // optLock_ held: publishes the number of option records
+  SockOptions &RecordOf(SOCKET s);  // optLock_ held: s's record, made when missing
   int CloseUnlisted(SOCKET s);
   SOCKET Resolve(unsigned int sock) const;
   bool IsClosePending(SOCKET s);
@@ -448,8 +449,6 @@ private:
   static bool SendGathered(void *self, std::uint32_t sock, char const *data, unsigned len, bool retry);
   void FlushGathered(SOCKET s);  // walk thread: s's gathered bytes leave now
   void FlushAllGathered();
-  int SendChunk(SOCKET s, char const *buf, unsigned n, int all, int markError, int datagram, int retry,
-                sockaddr_in *to, int *err);
 
   std::atomic<SOCKET> master_{kNoSocket};  // written under lock_
   SendQueue *queue_;                        // not owned
