@@ -2,6 +2,8 @@
 
 #include "platform/Clock.h"
 #include "platform/Readiness.h"
+#include "platform/SocketApi.h"
+#include "socket/detail/QueueFront.h"
 #include "thread/Semaphore.h"
 #include "thread/Thread.h"
 
@@ -32,7 +34,8 @@ ISendSink *SinkOf(CLCtrlData const &rec) {
 }  // namespace
 
 SendQueue::SendQueue(unsigned int slotSize, unsigned int initialSlots, unsigned int growthSlots)
-    : CLBuffer(slotSize, initialSlots, 0, 0, 1, 0, growthSlots) {
+    : CLBuffer(slotSize, initialSlots, 0, 0, 1, 0, growthSlots),
+      front_(std::make_unique<shared::socket::detail::QueueFront>()) {
   lock_ = new _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
   if (CLBuffer::IsOk() && lock_->IsOk())
     StartSendQueueThread();
@@ -291,8 +294,8 @@ void SendQueue::DropBack(unsigned key, unsigned n) {
 // Unframed bytes: as many as the allowance lets go, in one gathered send.
 // True when the socket must wait even if every planned byte goes out.
 bool SendQueue::PlanStream(unsigned allow) {
-  unsigned const planned = front_.AddRange(0, allow, &pieces_);
-  return planned == allow && allow < front_.Bytes();
+  unsigned const planned = front_->AddRange(0, allow);
+  return planned == allow && allow < front_->Bytes();
 }
 
 // Framed messages, payloads only: every whole message that fits the
@@ -303,14 +306,14 @@ bool SendQueue::PlanStream(unsigned allow) {
 // allowance and finished by the next send of the same turn. True when the
 // socket must wait even if every planned byte goes out.
 bool SendQueue::PlanFramed(unsigned held, unsigned allow, unsigned rateLimit) {
-  unsigned const len = front_.Bytes();
+  unsigned const len = front_->Bytes();
   unsigned pos = 0;
   unsigned left = allow;
   for (;;) {
     if (pos == len)
       return false;  // read on
     std::uint32_t msgLen = 0;
-    if (!front_.ReadLength(pos, &msgLen))
+    if (!front_->ReadLength(pos, &msgLen))
       return held == len;  // a prefix cut by the read: read on from it
     unsigned const have = len - pos - 4;
     unsigned piece = msgLen;
@@ -326,7 +329,7 @@ bool SendQueue::PlanFramed(unsigned held, unsigned allow, unsigned rateLimit) {
         return true;  // waits for a second with room for it whole
       piece = left;   // longer than a whole second's allowance
     }
-    unsigned const covered = front_.AddRange(pos + 4, piece, &pieces_);
+    unsigned const covered = front_->AddRange(pos + 4, piece);
     if (covered > 0 || msgLen == 0)
       msgs_.push_back(PlannedMessage{pos, msgLen, covered});
     if (covered < msgLen)
@@ -374,20 +377,17 @@ bool SendQueue::SendSocket(unsigned int sock, bool *progress) {
       return true;  // kept for a later pass; nothing was attempted
     // The front of the socket's bytes, in place across slots: a framed
     // message longer than a slot is seen whole (up to the read size).
-    front_.Load(*rec, kMaxReadBytes);
+    front_->Load(*rec, kMaxReadBytes);
     // Reserved before the send and settled after it, so a writer of the
     // same socket cannot spend the same allowance.
-    SendTerms const terms = sink->ReserveQueued(sock, front_.Bytes());
+    SendTerms const terms = sink->ReserveQueued(sock, front_->Bytes());
 
-    pieces_.clear();
     msgs_.clear();
     bool const mustWait = terms.framed ? PlanFramed(held, terms.allow, terms.rateLimit) : PlanStream(terms.allow);
-    unsigned planned = 0;
-    for (auto const &p : pieces_)
-      planned += p.len;
+    unsigned const planned = front_->Planned();
     unsigned out = 0;
     if (planned > 0 && sink->AcceptsQueued(sock))
-      out = sink->SendQueued(sock, pieces_.data(), static_cast<unsigned>(pieces_.size()));
+      out = std::min(planned, sink->SendQueued(sock, front_->Pieces(), front_->PieceCount()));
     if (out > 0 && dump_ && CanDebug())
       DumpSent(sock, out);
     sink->SettleQueued(sock, terms, out);
@@ -410,11 +410,10 @@ bool SendQueue::SendSocket(unsigned int sock, bool *progress) {
 }
 
 void SendQueue::DumpSent(unsigned sock, unsigned out) {
-  for (auto const &p : pieces_) {
-    if (out == 0)
-      break;
-    unsigned const n = std::min(out, p.len);
-    dump_->Dump(sock, static_cast<char const *>(p.data), n, 1);
+  sp::SockPiece const *pieces = front_->Pieces();
+  for (unsigned i = 0; i < front_->PieceCount() && out > 0; ++i) {
+    unsigned const n = std::min(out, pieces[i].len);
+    dump_->Dump(sock, static_cast<char const *>(pieces[i].data), n, 1);
     out -= n;
   }
 }

@@ -44,16 +44,18 @@
 #include "media/CLBuffer.h"
 #include "platform/Export.h"
 #include "platform/Readiness.h"
-#include "platform/SocketApi.h"
-#include "socket/QueueFront.h"
 #include "socket/SendSink.h"
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 class IThread;
+namespace shared::socket::detail {
+class QueueFront;
+}
 class _SEMAPHORE;
 
 // Receives a copy of every chunk queued (sent 0) and sent (sent 1) while
@@ -164,8 +166,7 @@ private:
   unsigned FramedDrop(unsigned out, std::uint32_t *rest, bool *begun) const;
   void DumpSent(unsigned sock, unsigned out);
 
-  shared::socket::detail::QueueFront front_;           // guarded by lock_: a send's view
-  std::vector<shared::platform::SockPiece> pieces_;   // guarded by lock_: a send's pieces
-  std::vector<PlannedMessage> msgs_;                  // guarded by lock_: a framed send's plan
+  std::unique_ptr<shared::socket::detail::QueueFront> front_;  // guarded by lock_: a send's view and pieces
+  std::vector<PlannedMessage> msgs_;                           // guarded by lock_: a framed send's plan
   std::vector<std::uint32_t> ids_;   // guarded by lock_: ids of a pass
 };

@@ -3,7 +3,7 @@
 #include "socket/SocketCtrl.h"
 
 #include "platform/Clock.h"
-#include "socket/SocketCtrlInternal.h"
+#include "socket/detail/SocketCtrlInternal.h"
 #include "socket/SocketPrimitives.h"
 #include "thread/Semaphore.h"
 

@@ -8,7 +8,7 @@
 #include "socket/FdCtrl.h"
 #include "socket/PassReplies.h"
 #include "socket/SendQueue.h"
-#include "socket/SocketCtrlInternal.h"
+#include "socket/detail/SocketCtrlInternal.h"
 #include "socket/SocketPrimitives.h"
 #include "socket/TxtBuf_reg.h"
 #include "thread/Semaphore.h"

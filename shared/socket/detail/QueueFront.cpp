@@ -1,4 +1,4 @@
-#include "socket/QueueFront.h"
+#include "socket/detail/QueueFront.h"
 
 #include "media/CLBuffer.h"
 
@@ -9,7 +9,9 @@ namespace shared::socket::detail {
 
 void QueueFront::Load(CLCtrlData const &rec, unsigned max) {
   spans_.clear();
+  pieces_.clear();
   bytes_ = 0;
+  planned_ = 0;
   span_ = 0;
   spanStart_ = 0;
   for (CLDataBuf const *slot = rec.GetFirstSlot(); slot && bytes_ < max; slot = slot->next) {
@@ -48,15 +50,16 @@ bool QueueFront::ReadLength(unsigned at, std::uint32_t *out) {
   return true;
 }
 
-unsigned QueueFront::AddRange(unsigned from, unsigned n, std::vector<shared::platform::SockPiece> *pieces) {
+unsigned QueueFront::AddRange(unsigned from, unsigned n) {
   unsigned covered = 0;
-  while (covered < n && pieces->size() < kMaxPieces && Seek(from + covered)) {
+  while (covered < n && pieces_.size() < kMaxPieces && Seek(from + covered)) {
     auto const &span = spans_[span_];
     unsigned const offset = from + covered - spanStart_;
     unsigned const take = std::min(span.len - offset, n - covered);
-    pieces->push_back(shared::platform::SockPiece{static_cast<char const *>(span.data) + offset, take});
+    pieces_.push_back(shared::platform::SockPiece{static_cast<char const *>(span.data) + offset, take});
     covered += take;
   }
+  planned_ += covered;
   return covered;
 }
 
