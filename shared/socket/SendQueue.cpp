@@ -2,7 +2,8 @@
 
 #include "platform/Clock.h"
 #include "platform/Readiness.h"
-#include "socket/SocketCtrl.h"
+#include "platform/SocketApi.h"
+#include "socket/detail/QueueFront.h"
 #include "thread/Semaphore.h"
 #include "thread/Thread.h"
 
@@ -25,12 +26,17 @@ constexpr unsigned kPauseSliceMs = 50;
 unsigned KeyOf(unsigned sock) { return sock + 1; }
 unsigned SockOf(unsigned key) { return key - 1; }
 
+// A record's user data is the sink that queued it.
+ISendSink *SinkOf(CLCtrlData const &rec) {
+  return reinterpret_cast<ISendSink *>(static_cast<std::intptr_t>(rec.GetUserData()));
+}
+
 }  // namespace
 
 SendQueue::SendQueue(unsigned int slotSize, unsigned int initialSlots, unsigned int growthSlots)
-    : CLBuffer(slotSize, initialSlots, 0, 0, 1, 0, growthSlots) {
+    : CLBuffer(slotSize, initialSlots, 0, 0, 1, 0, growthSlots),
+      front_(std::make_unique<shared::socket::detail::QueueFront>()) {
   lock_ = new _SEMAPHORE(3, 1, 0, static_cast<unsigned long>(-1), -1);
-  readBuf_.resize(kMaxReadBytes);
   if (CLBuffer::IsOk() && lock_->IsOk())
     StartSendQueueThread();
   else
@@ -168,7 +174,7 @@ int SendQueue::ThreadLoop() {
 }
 
 unsigned int SendQueue::insert(unsigned int sock, char const *data, unsigned int len, unsigned int arg,
-                               SocketCtrl *ctrl, int flag) {
+                               ISendSink *ctrl, int flag) {
   if (sock == kNoSocket || !data || len == 0 || arg == 0 || !ctrl || !IsOk())
     return 0;
   SemGuard g(*lock_);
@@ -194,12 +200,12 @@ int SendQueue::erase(unsigned int sock) {
   return CLBuffer::erase(KeyOf(sock));
 }
 
-int SendQueue::EraseFor(unsigned int sock, SocketCtrl const *ctrl) {
+int SendQueue::EraseFor(unsigned int sock, ISendSink const *ctrl) {
   if (sock == kNoSocket)
     return 0;
   SemGuard g(*lock_);
   CLCtrlData const *rec = FindRecord(KeyOf(sock));
-  if (!rec || reinterpret_cast<SocketCtrl const *>(static_cast<std::intptr_t>(rec->GetUserData())) != ctrl)
+  if (!rec || SinkOf(*rec) != ctrl)
     return 0;
   return CLBuffer::erase(KeyOf(sock));
 }
@@ -246,35 +252,7 @@ int SendQueue::SendQueuedData(int /*mode*/, unsigned int sock) {
   return complete ? 1 : 0;
 }
 
-unsigned SendQueue::PeekFront(unsigned key, char *buf, unsigned max, SocketCtrl **ctrl, unsigned *held,
-                              unsigned *firstSlot) {
-  *ctrl = nullptr;
-  *held = *firstSlot = 0;
-  unsigned len = max;
-  __int64 user = 0;
-  int done = 0;
-  if (CLBuffer::first(key, buf, &len, &user, 0, &done) != key)
-    return 0;
-  *ctrl = reinterpret_cast<SocketCtrl *>(static_cast<std::intptr_t>(user));
-  *firstSlot = len;
-  CLCtrlData const *rec = FindRecord(key);
-  if (!rec)
-    return 0;
-  *held = rec->GetBytes();
-  CLDataBuf const *slot = rec->GetFirstSlot();
-  for (slot = slot ? slot->next : nullptr; slot && len < max; slot = slot->next) {
-    unsigned n = std::min(slot->used, max - len);
-    std::memcpy(buf + len, slot->data, n);
-    len += n;
-  }
-  return len;
-}
-
-void SendQueue::DropFront(unsigned key, unsigned n, unsigned firstSlot) {
-  unsigned head = std::min(n, firstSlot);
-  if (head > 0)
-    CLBuffer::poplastop(key, head);
-  n -= head;
+void SendQueue::DropFront(unsigned key, unsigned n) {
   while (n > 0) {
     unsigned take = n;
     int done = 0;
@@ -313,123 +291,129 @@ void SendQueue::DropBack(unsigned key, unsigned n) {
     CLBuffer::erase(key);
 }
 
+// Unframed bytes: as many as the allowance lets go, in one gathered send.
+// True when the socket must wait even if every planned byte goes out.
+bool SendQueue::PlanStream(unsigned allow) {
+  unsigned const planned = front_->AddRange(0, allow);
+  return planned == allow && allow < front_->Bytes();
+}
+
+// Framed messages, payloads only: every whole message that fits the
+// allowance and the gather bound, in one send. A message goes whole or
+// waits, except one that can never go whole in one read or within one
+// second's limit: it goes in pieces (of the read, of the allowance). A
+// message cut only by the gather bound is judged whole against the
+// allowance and finished by the next send of the same turn. True when the
+// socket must wait even if every planned byte goes out.
+bool SendQueue::PlanFramed(unsigned held, unsigned allow, unsigned rateLimit) {
+  unsigned const len = front_->Bytes();
+  unsigned pos = 0;
+  unsigned left = allow;
+  for (;;) {
+    if (pos == len)
+      return false;  // read on
+    std::uint32_t msgLen = 0;
+    if (!front_->ReadLength(pos, &msgLen))
+      return held == len;  // a prefix cut by the read: read on from it
+    unsigned const have = len - pos - 4;
+    unsigned piece = msgLen;
+    if (msgLen > have) {
+      if (held - pos - 4 < msgLen)
+        return true;  // its bytes are not all queued
+      if (have == 0)
+        return false;  // read on from its prefix
+      piece = have;    // held whole but longer than this read
+    }
+    if (piece > left) {
+      if (left == 0 || msgLen <= rateLimit)
+        return true;  // waits for a second with room for it whole
+      piece = left;   // longer than a whole second's allowance
+    }
+    unsigned const covered = front_->AddRange(pos + 4, piece);
+    if (covered > 0 || msgLen == 0)
+      msgs_.push_back(PlannedMessage{pos, msgLen, covered});
+    if (covered < msgLen)
+      return covered == piece && piece == left;
+    left -= covered;
+    pos += 4 + msgLen;
+  }
+}
+
+// After a framed send that took out bytes: the bytes to take off the front.
+// A message the peer took only in part keeps its unsent tail first in line:
+// dropping the sent bytes counted from its prefix leaves 4 bytes in front
+// of the tail, which become its new prefix (*rest).
+unsigned SendQueue::FramedDrop(unsigned out, std::uint32_t *rest, bool *begun) const {
+  unsigned drop = 0;
+  for (PlannedMessage const &m : msgs_) {
+    unsigned const took = std::min(out, m.covered);
+    out -= took;
+    if (took == m.length) {
+      drop = m.at + 4 + m.length;
+      continue;
+    }
+    drop = m.at + took;
+    if (took > 0) {
+      *rest = m.length - took;
+      *begun = true;
+    }
+    break;
+  }
+  return drop;
+}
+
 bool SendQueue::SendSocket(unsigned int sock, bool *progress) {
   unsigned const key = KeyOf(sock);
-  char *buf = readBuf_.data();
   for (;;) {
-    SocketCtrl *ctrl = nullptr;
-    unsigned held = 0, firstSlot = 0;
-    // The front of the socket's bytes, across slots: a framed message longer
-    // than a slot is read whole (up to the read size).
-    unsigned const len = PeekFront(key, buf, kMaxReadBytes, &ctrl, &held, &firstSlot);
-    if (len == 0) {
-      if (held == 0 && FindRecord(key))
+    CLCtrlData const *rec = FindRecord(key);
+    unsigned const held = rec ? rec->GetBytes() : 0;
+    if (held == 0) {
+      if (rec)
         CLBuffer::erase(key);
       return true;  // nothing queued
     }
-    if (!ctrl || !ctrl->CanSendData(sock))
+    ISendSink *sink = SinkOf(*rec);
+    if (!sink || !sink->AcceptsQueued(sock))
       return true;  // kept for a later pass; nothing was attempted
+    // The front of the socket's bytes, in place across slots: a framed
+    // message longer than a slot is seen whole (up to the read size).
+    front_->Load(*rec, kMaxReadBytes);
+    // Reserved before the send and settled after it, so a writer of the
+    // same socket cannot spend the same allowance.
+    SendTerms const terms = sink->ReserveQueued(sock, front_->Bytes());
 
-    ctrl->WaitSockOpt();
-    SockOptions o;
-    bool const accounting = ctrl->GetSockOptions(sock, &o) && o.Accounting();
-    if (!accounting)
-      ctrl->SignalSockOpt();
-    std::int64_t const now = sp::NowSeconds();
-    // Reserved at once under the option lock, so a writer of the same
-    // socket cannot spend the same allowance; what is not sent goes back.
-    unsigned const allow = accounting ? o.Reserve(len, now) : len;
+    msgs_.clear();
+    bool const mustWait = terms.framed ? PlanFramed(held, terms.allow, terms.rateLimit) : PlanStream(terms.allow);
+    unsigned const planned = front_->Planned();
+    unsigned out = 0;
+    if (planned > 0 && sink->AcceptsQueued(sock))
+      out = std::min(planned, sink->SendQueued(sock, front_->Pieces(), front_->PieceCount()));
+    if (out > 0 && dump_ && CanDebug())
+      DumpSent(sock, out);
+    sink->SettleQueued(sock, terms, out);
 
-    unsigned drop = 0;        // bytes to take off the front of the queue
-    unsigned sent = 0;        // payload bytes that went out
-    bool stalled = false;     // stopped for something this pass cannot change
-    std::uint32_t rest = 0;   // framed: unsent length of a message begun
+    std::uint32_t rest = 0;
     bool begun = false;
-    if (!o.framed) {
-      if (allow > 0 && ctrl->CanSendData(sock)) {
-        sent = static_cast<unsigned>(ctrl->SendFromQueue(buf, allow, sock));
-      }
-      drop = sent;
-      stalled = sent < len;
-      if (sent && dump_ && CanDebug())
-        dump_->Dump(sock, buf, sent, 1);
-    } else {
-      // Message by message. A message goes whole or waits, except one that
-      // cannot ever go whole in one read or within one second's limit: it
-      // goes in pieces. A message the peer took only in part keeps its
-      // unsent tail first in line, under a length prefix rewritten to what
-      // is left, so nothing is lost, repeated or reordered.
-      while (!stalled) {
-        if (drop + 4 > len) {
-          stalled = drop == 0 || held == len;  // else: read on past this read
-          break;
-        }
-        std::uint32_t msgLen = 0;
-        std::memcpy(&msgLen, buf + drop, 4);
-        unsigned const have = len - drop - 4;
-        unsigned piece = msgLen;
-        if (msgLen > have) {
-          // A message whose bytes are not all queued waits for them; one
-          // held whole but longer than this read goes in pieces.
-          if (held - drop - 4 < msgLen) {
-            stalled = true;
-            break;
-          }
-          if (have == 0)
-            break;  // read on from the message's prefix
-          piece = have;
-        }
-        unsigned const left = allow - sent;
-        if (piece > left) {
-          if (left == 0 || msgLen <= o.rateLimit) {
-            stalled = true;
-            break;
-          }
-          piece = left;  // longer than a whole second's allowance: in pieces
-        }
-        if (!ctrl->CanSendData(sock)) {
-          stalled = true;
-          break;
-        }
-        unsigned out = 0;
-        if (piece > 0) {
-          out = static_cast<unsigned>(ctrl->SendFromQueue(buf + drop + 4, piece, sock));
-          if (out && dump_ && CanDebug())
-            dump_->Dump(sock, buf + drop + 4, out, 1);
-        }
-        sent += out;
-        if (out == msgLen) {
-          drop += 4 + msgLen;
-          continue;
-        }
-        if (out > 0) {
-          // Dropping out bytes past the prefix leaves 4 bytes in front of
-          // the tail: they become its new prefix.
-          drop += out;
-          rest = msgLen - out;
-          begun = true;
-        }
-        // A piece cut to this read is followed by a new read; a short send
-        // or a used-up allowance ends the socket's turn.
-        stalled = out < piece || piece == left;
-        break;
-      }
-    }
-    if (accounting) {
-      o.Settle(allow, sent, now);
-      ctrl->UpdateSockOptions(sock, &o);
-      ctrl->SignalSockOpt();
-    }
+    unsigned const drop = terms.framed ? FramedDrop(out, &rest, &begun) : out;
     if (drop > 0) {
-      DropFront(key, drop, firstSlot);
+      DropFront(key, drop);
       if (progress)
         *progress = true;
     }
     if (drop == held)
-      ctrl->QueueDrained(sock);
+      sink->QueueDrained(sock);
     if (begun)
       SetFrontLength(key, rest);
-    if (stalled)
+    if (out < planned || mustWait || drop == 0)
       return false;
+  }
+}
+
+void SendQueue::DumpSent(unsigned sock, unsigned out) {
+  sp::SockPiece const *pieces = front_->Pieces();
+  for (unsigned i = 0; i < front_->PieceCount() && out > 0; ++i) {
+    unsigned const n = std::min(out, pieces[i].len);
+    dump_->Dump(sock, static_cast<char const *>(pieces[i].data), n, 1);
+    out -= n;
   }
 }

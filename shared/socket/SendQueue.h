@@ -3,32 +3,38 @@
 //
 // One queue serves many sockets of many SocketCtrl objects. Each socket's
 // queued bytes are one CLBuffer record (a byte stream over slots, split when
-// an insert is longer than a slot); the record's user data is the controller
-// through which the bytes must be written. The record id is the socket
+// an insert is longer than a slot); the record's user data is the sink
+// (ISendSink, the controller) that queued them. The record id is the socket
 // handle plus one, because descriptor 0 is a valid socket and id 0 is not.
+//
+// Calls run one way: the controller calls the queue; the queue knows only
+// the ISendSink interface, through which a pass asks whether a socket takes
+// data, reserves and settles its rate allowance, sends and reports a
+// drained socket. The controller owns the socket and its send options.
 //
 // The thread is event-driven: it sleeps until an insert or a stop wakes it
 // or a socket with queued bytes can take some (poll over every such socket,
 // any number, any descriptor), and serves each writable socket at once. A
 // socket that could take bytes but may not (rate limit, framing, a refusing
-// controller) rests until the next insert or kPauseMs later.
+// sink) rests until the next insert or kPauseMs later.
 //
-// A send pass applies the controller's per-socket SockOptions: a per-second
-// rate limit, byte counting and framed records (runs of [4-byte length in
-// host order][bytes], sent message by message without the prefix). A pass
-// reads up to 65535 bytes from the front of a socket's record, across slots,
-// and takes off the front only what went out, so a partial send keeps its
-// unsent tail first (for a framed message, under a rewritten prefix).
+// A send goes straight from the slots: a view of up to 65535 bytes at the
+// front of the socket's record, cut into at most 64 pieces, leaves in one
+// gathered call; nothing is copied under the lock. Framed records (runs of
+// [4-byte length in host order][bytes]) are sent without their prefixes,
+// whole messages only (see PlanFramed). The front loses exactly what went
+// out, so a partial send keeps its unsent tail first (for a framed message,
+// under a rewritten prefix).
 //
 // Ownership: the queue owns its store, its lock and its thread. It never owns
-// a controller; a controller drops its sockets' records (erase) before it
-// forgets them, so the queue never writes through a dead controller.
+// a sink; a controller drops its sockets' records (EraseFor) before it
+// forgets them, so the queue never calls a dead controller.
 //
-// Locks: lock_ guards the store and a whole send pass. Inside a pass the
-// queue takes the controller's option lock, so the order is always the
-// queue's lock, then the option lock (and then the controller's mark lock).
-// The thread never holds lock_ while it waits or pauses, and the stop waits
-// for the thread without holding lock_, so a stop cannot deadlock with it.
+// Locks: lock_ guards the store and a whole send pass. The sink's calls run
+// with lock_ held, so the order is always the queue's lock, then the
+// controller's option lock (and then its mark lock). The thread never holds
+// lock_ while it waits or pauses, and the stop waits for the thread without
+// holding lock_, so a stop cannot deadlock with it.
 //
 // Threads: any thread may call insert, erase, HasData, GetSendQueueSize and
 // SendQueuedData. The CLBuffer members inherited are not locked: use the
@@ -38,14 +44,18 @@
 #include "media/CLBuffer.h"
 #include "platform/Export.h"
 #include "platform/Readiness.h"
+#include "socket/SendSink.h"
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 class IThread;
-class SocketCtrl;
+namespace shared::socket::detail {
+class QueueFront;
+}
 class _SEMAPHORE;
 
 // Receives a copy of every chunk queued (sent 0) and sent (sent 1) while
@@ -91,13 +101,13 @@ public:
   // starts a slot of its own. All or nothing: returns len, or 0 when
   // refused (bad arguments, queue not running, the limit or the slots would
   // be exceeded) with nothing queued.
-  unsigned int insert(unsigned int sock, char const *data, unsigned int len, unsigned int arg, SocketCtrl *ctrl,
+  unsigned int insert(unsigned int sock, char const *data, unsigned int len, unsigned int arg, ISendSink *ctrl,
                       int flag);
   // Drops everything queued for sock; 1 when something was.
   int erase(unsigned int sock) override;
   // Drops sock's bytes only when they were queued through ctrl (a number
   // closed by one controller may already be another's); 1 when dropped.
-  int EraseFor(unsigned int sock, SocketCtrl const *ctrl);
+  int EraseFor(unsigned int sock, ISendSink const *ctrl);
   // 1 when bytes are queued for sock.
   int HasData(unsigned int sock);
   // Bytes queued for sock (*count too); 0 when not running or sock is -1.
@@ -127,14 +137,8 @@ private:
   // *progress (when given) is set when bytes left the queue.
   bool SendSocket(unsigned int sock, bool *progress);
   bool OnSendThread() const;
-  // Copies up to max bytes from the front of record key, across its slots
-  // (the first slot's part is a peek that DropFront commits). Returns the
-  // count; *ctrl is the record's controller, *held its bytes in all,
-  // *firstSlot the part read from its first slot.
-  unsigned PeekFront(unsigned key, char *buf, unsigned max, SocketCtrl **ctrl, unsigned *held,
-                     unsigned *firstSlot);
-  // Takes n bytes (no more than PeekFront read) off the front of record key.
-  void DropFront(unsigned key, unsigned n, unsigned firstSlot);
+  // Takes n bytes off the front of record key.
+  void DropFront(unsigned key, unsigned n);
   // Overwrites the first 4 bytes of record key (a framed message's prefix).
   void SetFrontLength(unsigned key, std::uint32_t length);
   // Takes n bytes off the back of record key: undoes an insert in part.
@@ -150,6 +154,19 @@ private:
   _SEMAPHORE *lock_ = nullptr;       // owned
   std::mutex threadMutex_;           // serialises start and stop
   shared::platform::WakeFd wake_;    // signalled by insert and stop
-  std::vector<char> readBuf_;        // guarded by lock_: one record read
+  // A framed message of a planned send: its offset in the front view, its
+  // length and the payload bytes the planned pieces cover.
+  struct PlannedMessage {
+    unsigned at;
+    std::uint32_t length;
+    unsigned covered;
+  };
+  bool PlanStream(unsigned allow);
+  bool PlanFramed(unsigned held, unsigned allow, unsigned rateLimit);
+  unsigned FramedDrop(unsigned out, std::uint32_t *rest, bool *begun) const;
+  void DumpSent(unsigned sock, unsigned out);
+
+  std::unique_ptr<shared::socket::detail::QueueFront> front_;  // guarded by lock_: a send's view and pieces
+  std::vector<PlannedMessage> msgs_;                           // guarded by lock_: a framed send's plan
   std::vector<std::uint32_t> ids_;   // guarded by lock_: ids of a pass
 };

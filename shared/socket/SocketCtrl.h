@@ -26,9 +26,15 @@
 //   markLock_  the write-error and close-pending sets and the default
 //              address (a leaf lock: nothing else is taken while it is held).
 //   Order: lock_, then a SendQueue's lock, then optLock_, then markLock_.
-//   write, _write, CanSendData and the option calls never take lock_, so the
-//   send thread (queue lock -> option lock) cannot deadlock with a dispatch
-//   pass whose callbacks write (lock_ -> queue lock).
+//   write, _write, CanSendData, the option calls and the ISendSink calls
+//   never take lock_, so the send thread (queue lock -> option lock, through
+//   ISendSink) cannot deadlock with a dispatch pass whose callbacks write
+//   (lock_ -> queue lock).
+//
+// The send path runs one way: the controller owns each socket's send
+// options and rate state and calls its SendQueue; the queue reaches the
+// controller only through ISendSink (SendSink.h), registered with each
+// record it queues.
 //
 // Threads
 //   - One dispatch pass at a time (accept, acceptUDP and readall serialise
@@ -55,6 +61,7 @@
 #include "platform/Readiness.h"
 #include "platform/SockAddr.h"
 #include "platform/Types.h"
+#include "socket/SendSink.h"
 #include "socket/SockEventsWrapper.h"
 
 #include <atomic>
@@ -165,7 +172,7 @@ using SockUDPCloseFn = void (*)(SocketCtrl *, unsigned int sock, sockaddr_in *fr
 // Line ends of writeLine: 0 CR LF, anything else LF.
 enum EolFormat { EOL_CRLF = 0, EOL_LF = 1 };
 
-class SHAREDLIB_API SocketCtrl : public ISEWIterator {
+class SHAREDLIB_API SocketCtrl : public ISEWIterator, public ISendSink {
 public:
   static constexpr SOCKET kNoSocket = 0xFFFFFFFFu;
   static char const *const kReasonWriteError;  // "Socket write error. Disconnected!"
@@ -303,12 +310,6 @@ public:
   int writeFrag(char const *buf, unsigned int n, unsigned int fragSize, unsigned int sock, sockaddr_in *to);
   int _writeto(char const *buf, int len, sockaddr_in *to, unsigned int sock);
   int CanSendData(unsigned int sock);
-  // The send queue's send: never waits; the bytes sent (0 when none could
-  // be). A failure other than a full socket marks sock write-failed.
-  int SendFromQueue(char const *buf, unsigned n, unsigned int sock);
-  // The send queue emptied sock's bytes: a socket that waits for them
-  // before it closes is looked at again at once. Takes no lock.
-  void QueueDrained(unsigned int sock);
   // Datagrams dropped by acceptUDP because they were longer than the
   // receive size.
   unsigned GetTruncatedDatagrams() const { return truncated_.load(std::memory_order_relaxed); }
@@ -396,6 +397,16 @@ protected:
   void ProcessDraining(Callbacks const &cb);
 
 private:
+  // ISendSink: the send queue's view of this controller (queue lock held).
+  // The send never waits; a failure other than a full socket marks the
+  // socket write-failed. QueueDrained takes no lock: a socket that waits
+  // for its bytes before it closes is looked at again at once.
+  bool AcceptsQueued(unsigned int sock) override;
+  SendTerms ReserveQueued(unsigned int sock, unsigned want) override;
+  void SettleQueued(unsigned int sock, SendTerms const &terms, unsigned sent) override;
+  unsigned SendQueued(unsigned int sock, shared::platform::SockPiece const *pieces, unsigned count) override;
+  void QueueDrained(unsigned int sock) override;
+
   static constexpr std::uint32_t kDrainMs = 30000;      // longest flush after the peer's end
   static constexpr long kDrainCheckMs = 1000;          // wait cap while sockets drain
   static constexpr std::uint32_t kAcceptPauseMs = 500;  // listener rest when out of descriptors
@@ -417,6 +428,7 @@ private:
   void ForgetSendState(SOCKET s);
   void NoteMarks();    // markLock_ held: publishes the number of marks
   void NoteOptions();  // optLock_ held: publishes the number of option records
+  SockOptions &RecordOf(SOCKET s);  // optLock_ held: s's record, made when missing
   int CloseUnlisted(SOCKET s);
   SOCKET Resolve(unsigned int sock) const;
   bool IsClosePending(SOCKET s);
@@ -437,8 +449,6 @@ private:
   static bool SendGathered(void *self, std::uint32_t sock, char const *data, unsigned len, bool retry);
   void FlushGathered(SOCKET s);  // walk thread: s's gathered bytes leave now
   void FlushAllGathered();
-  int SendChunk(SOCKET s, char const *buf, unsigned n, int all, int markError, int datagram, int retry,
-                sockaddr_in *to, int *err);
 
   std::atomic<SOCKET> master_{kNoSocket};  // written under lock_
   SendQueue *queue_;                        // not owned
