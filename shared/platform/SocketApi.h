@@ -68,9 +68,13 @@ struct SockPiece {
   void const *data;
   unsigned len;
 };
-// sendmsg() of count pieces in one call (count is cut to 64); the bytes
-// sent, -1 on failure.
-int SockSendPieces(SOCKET s, SockPiece const *pieces, unsigned count, bool dontWait);
+// sendmsg() of count pieces (count is cut to 64), in calls of at most chunk
+// bytes while each call takes all it is given; the bytes sent, -1 when the
+// first call fails.
+int SockSendPieces(SOCKET s, SockPiece const *pieces, unsigned count, bool dontWait,
+                   unsigned chunk = 0xFFFFFFFFu);
+// The bytes the socket's send buffer holds for data (0 when unknown).
+unsigned SockSendBufferBytes(SOCKET s);
 // True while s names an open descriptor (of any kind).
 bool SockIsOpen(SOCKET s);
 int SockSendTo(SOCKET s, void const *buf, unsigned len, sockaddr_in const *to);

@@ -13,6 +13,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -212,23 +213,67 @@ int SockSend(SOCKET s, void const *buf, unsigned len, bool dontWait) {
   return r < 0 ? Fail(-1) : static_cast<int>(r);
 }
 
-int SockSendPieces(SOCKET s, SockPiece const *pieces, unsigned count, bool dontWait) {
+int SockSendPieces(SOCKET s, SockPiece const *pieces, unsigned count, bool dontWait, unsigned chunk) {
   if (s == INVALID_SOCKET)
     return BadHandle();
   constexpr unsigned kMaxPieces = 64;
-  iovec iov[kMaxPieces];
   count = count > kMaxPieces ? kMaxPieces : count;
-  for (unsigned i = 0; i < count; ++i)
-    iov[i] = iovec{const_cast<void *>(pieces[i].data), pieces[i].len};
-  msghdr msg{};
-  msg.msg_iov = iov;
-  msg.msg_iovlen = count;
+  chunk = chunk == 0 ? 0xFFFFFFFFu : chunk;
   int const flags = kNoSignal | (dontWait ? MSG_DONTWAIT : 0);
-  ssize_t r;
-  do {
-    r = ::sendmsg(Fd(s), &msg, flags);
-  } while (r < 0 && errno == EINTR);
-  return r < 0 ? Fail(-1) : static_cast<int>(r);
+  iovec iov[kMaxPieces];
+  unsigned at = 0;      // the piece to go on from
+  unsigned offset = 0;  // bytes of it already sent
+  std::size_t total = 0;
+  while (at < count) {
+    unsigned used = 0;
+    unsigned room = chunk;
+    for (unsigned i = at; i < count && room > 0; ++i, ++used) {
+      unsigned const skip = i == at ? offset : 0;
+      unsigned const len = std::min(pieces[i].len - skip, room);
+      iov[used] = iovec{const_cast<char *>(static_cast<char const *>(pieces[i].data)) + skip, len};
+      room -= len;
+    }
+    std::size_t const asked = chunk - room;
+    if (asked == 0)
+      break;  // only empty pieces are left
+    msghdr msg{};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = used;
+    ssize_t r;
+    do {
+      r = ::sendmsg(Fd(s), &msg, flags);
+    } while (r < 0 && errno == EINTR);
+    if (r < 0)
+      return total > 0 ? static_cast<int>(total) : Fail(-1);
+    total += static_cast<std::size_t>(r);
+    if (static_cast<std::size_t>(r) < asked)
+      break;  // the buffer is full: the caller waits for room
+    for (std::size_t n = static_cast<std::size_t>(r); n > 0 && at < count;) {
+      std::size_t const left = pieces[at].len - offset;
+      if (n < left) {
+        offset += static_cast<unsigned>(n);
+        n = 0;
+      } else {
+        n -= left;
+        ++at;
+        offset = 0;
+      }
+    }
+    while (at < count && pieces[at].len == offset) {  // skip empty pieces
+      ++at;
+      offset = 0;
+    }
+  }
+  return static_cast<int>(total);
+}
+
+// Linux reports twice the size asked for (the rest is its bookkeeping).
+unsigned SockSendBufferBytes(SOCKET s) {
+  int value = 0;
+  socklen_t len = sizeof value;
+  if (s == INVALID_SOCKET || ::getsockopt(Fd(s), SOL_SOCKET, SO_SNDBUF, &value, &len) != 0 || value <= 0)
+    return 0;
+  return static_cast<unsigned>(value) / 2;
 }
 
 bool SockIsOpen(SOCKET s) { return s != INVALID_SOCKET && ::fcntl(Fd(s), F_GETFD) != -1; }
