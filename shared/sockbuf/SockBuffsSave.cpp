@@ -100,9 +100,12 @@ void SockBuffs::SaveMediaPkt(unsigned char const* p, unsigned len) {
   if (key == 0) {
     ISockBuffNotify* notifier = notifier_.load();
     if (notifier == nullptr) return;
+    // The application may take its time: readers get what is stored so far.
+    if (!fromFile) wnds_->HoldWakes(0);
     lock_.Signal();
     int const wanted = notifier->NewMediaId(mediaId, p[10], p[11]);
     lock_.Wait();
+    if (!fromFile) wnds_->HoldWakes(1);
     if (stop_.load() || wanted == 0) return;
     key = SearchMediaID(mediaId);
     if (key == 0) return;
