@@ -53,7 +53,12 @@ unsigned SockBuf_reg::Rate::Get(std::int64_t now) {
 namespace {
 // Room behind the window for the read offset to run ahead before the live
 // bytes must move: a compaction then always frees more than it copies.
-std::size_t PhysicalSize(unsigned capacity) { return std::size_t{capacity} * 2; }
+// 0 when twice the window is not addressable.
+std::size_t PhysicalSize(unsigned capacity) {
+  std::uint64_t const bytes = std::uint64_t{capacity} * 2;
+  auto const size = static_cast<std::size_t>(bytes);
+  return size == bytes ? size : 0;
+}
 }  // namespace
 
 SockBuf_reg::SockBuf_reg(unsigned size, int growable)
@@ -62,11 +67,11 @@ SockBuf_reg::SockBuf_reg(unsigned size, int growable)
       readerGate_(1, 1, 0, _SEMAPHORE::kInfinite, -1),
       lock_(3, 1, 0, _SEMAPHORE::kInfinite, -1),
       dataReady_(1, 1, 0, _SEMAPHORE::kInfinite, 0) {
-  if (size != 0) {
-    buffer_ = static_cast<unsigned char*>(std::calloc(PhysicalSize(size), 1));
+  if (std::size_t const physical = PhysicalSize(size)) {
+    buffer_ = static_cast<unsigned char*>(std::calloc(physical, 1));
     if (buffer_) {
       capacity_ = size;
-      physical_ = PhysicalSize(size);
+      physical_ = physical;
     }
   }
   flush();
@@ -124,6 +129,8 @@ void SockBuf_reg::Compact() {
 // Lock held. false when the memory is not there (the window is unchanged).
 bool SockBuf_reg::Grow(unsigned needed) {
   std::size_t const physical = PhysicalSize(needed);
+  if (physical == 0)
+    return false;
   Compact();
   auto* grown = static_cast<unsigned char*>(std::realloc(buffer_, physical));
   if (!grown)
