@@ -1,7 +1,9 @@
 // Fuzzes the stream registers as the buffered reader drives them: raw bytes
 // are cut into packets by an input register, stored in a stream register
 // with the ordering stage and the defragmenter behind it, and read out
-// through the last stage until it has nothing more. The first two bytes pick
+// through the last stage until it has nothing more. The pieces straddle the
+// input register's compaction point, and partial reads leave its read
+// offset anywhere. The first two bytes pick
 // the frame layout, the wait count and the size of the pieces fed in.
 #include "sockbuf/ISockBufOwner.h"
 #include "sockbuf/SockBuf_reg.h"
@@ -69,7 +71,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         break;
       Check(got >= 12 && got <= frame.size());
     }
-    Check(stream.GetBytesUsed() <= stream.GetMaxBufLen());
+    // The read offset must never show: used and free add up to the window.
+    Check(stream.GetBytesUsed() + stream.GetBytesLeft() == stream.GetMaxBufLen());
+    Check(input.GetBytesUsed() + input.GetBytesLeft() == input.GetMaxBufLen());
   }
   return 0;
 }

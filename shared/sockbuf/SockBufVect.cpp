@@ -116,6 +116,12 @@ SockBuf_reg* Base::next(unsigned* key, unsigned* pos) {
   return reg;
 }
 
+void Base::HoldWakes(int on) {
+  for (unsigned pos = 1; pos <= index_.get_nitens(); ++pos)
+    if (SockBuf_reg* reg = get_elem(pos, nullptr))
+      reg->HoldWake(on);
+}
+
 SockBuf_reg* Base::Find(unsigned key) { return key != 0 ? search(key, nullptr) : nullptr; }
 
 int Base::SaveDataKey(unsigned key, void* buf, unsigned len) {

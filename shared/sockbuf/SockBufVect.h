@@ -61,6 +61,8 @@ class SHAREDLIB_API BufSVectorT<unsigned, SockBuf_reg> {
   unsigned GetBytesLeftInd(unsigned pos);
   unsigned GetBytesUsedInd(unsigned pos);
   int IsEnableInd(unsigned pos);
+  // SockBuf_reg::HoldWake on every register filed under a key.
+  void HoldWakes(int on);
   int SetEnableInd(unsigned pos, int on);
 
  protected:

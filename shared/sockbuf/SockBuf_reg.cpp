@@ -50,16 +50,29 @@ unsigned SockBuf_reg::Rate::Get(std::int64_t now) {
   return kbps;
 }
 
+namespace {
+// Room behind the window for the read offset to run ahead before the live
+// bytes must move: a compaction then always frees more than it copies.
+// 0 when twice the window is not addressable.
+std::size_t PhysicalSize(unsigned capacity) {
+  std::uint64_t const bytes = std::uint64_t{capacity} * 2;
+  auto const size = static_cast<std::size_t>(bytes);
+  return size == bytes ? size : 0;
+}
+}  // namespace
+
 SockBuf_reg::SockBuf_reg(unsigned size, int growable)
     : growable_(size != 0 ? growable : 0),
       stageGate_(3, 1, 0, _SEMAPHORE::kInfinite, -1),
       readerGate_(1, 1, 0, _SEMAPHORE::kInfinite, -1),
       lock_(3, 1, 0, _SEMAPHORE::kInfinite, -1),
       dataReady_(1, 1, 0, _SEMAPHORE::kInfinite, 0) {
-  if (size != 0) {
-    buffer_ = static_cast<unsigned char*>(std::calloc(size, 1));
-    if (buffer_)
+  if (std::size_t const physical = PhysicalSize(size)) {
+    buffer_ = static_cast<unsigned char*>(std::calloc(physical, 1));
+    if (buffer_) {
       capacity_ = size;
+      physical_ = physical;
+    }
   }
   flush();
 }
@@ -77,67 +90,125 @@ int SockBuf_reg::IsOk() {
 
 unsigned SockBuf_reg::IsPacketRdy() {
   for (;;) {
-    if (!buffer_ || used_ < pkt::kHeaderLen)
+    unsigned const used = tail_ - head_;
+    if (!buffer_ || used < pkt::kHeaderLen)
       return 0;
-    unsigned const len = pkt::PktLen(buffer_);
-    if (used_ < len)
+    unsigned const len = pkt::PktLen(buffer_ + head_);
+    if (used < len)
       return 0;
-    if (mediaFilter_ == 0 || mediaFilter_ == pkt::PktMediaId(buffer_))
+    if (mediaFilter_ == 0 || mediaFilter_ == pkt::PktMediaId(buffer_ + head_))
       return len;
     RemoveFront(len);
   }
 }
 
 void SockBuf_reg::RemoveFront(unsigned len) {
-  std::memmove(buffer_, buffer_ + len, used_ - len);
-  used_ -= len;
+  head_ += len;
+  if (head_ == tail_)
+    head_ = tail_ = 0;  // emptied: the next save starts at the front again
+}
+
+// Makes room for len more bytes behind the live ones (lock held; the caller
+// has checked that they fit the window). The live bytes move to the front
+// only when the tail would run off the buffer; by then more bytes were
+// consumed than are live, so the copy is paid for by earlier reads.
+void SockBuf_reg::MakeRoom(unsigned len) {
+  if (std::size_t{tail_} + len > physical_)
+    Compact();
+}
+
+void SockBuf_reg::Compact() {
+  if (head_ == 0)
+    return;
+  std::memmove(buffer_, buffer_ + head_, tail_ - head_);
+  tail_ -= head_;
+  head_ = 0;
+}
+
+// Grows a growable register so that the window holds exactly needed bytes.
+// Lock held. false when the memory is not there (the window is unchanged).
+bool SockBuf_reg::Grow(unsigned needed) {
+  std::size_t const physical = PhysicalSize(needed);
+  if (physical == 0)
+    return false;
+  Compact();
+  auto* grown = static_cast<unsigned char*>(std::realloc(buffer_, physical));
+  if (!grown)
+    return false;
+  buffer_ = grown;
+  physical_ = physical;
+  capacity_ = needed;
+  return true;
 }
 
 int SockBuf_reg::SaveData(void* buf, unsigned len) {
   if (aborted_.load() || !opened_.load())
     return 0;
+  bool wake = false;
+  int const stored = SaveLocked(buf, len, &wake);
+  // Signalled after the data lock is left: a reader woken under it would
+  // only collide with the lock and sleep again.
+  if (wake)
+    dataReady_.Signal();
+  return stored;
+}
+
+int SockBuf_reg::SaveLocked(void* buf, unsigned len, bool* wake) {
   SemGuard guard(lock_);
   if (aborted_.load() || !opened_.load() || !buffer_ || !buf || len == 0)
     return 0;
   std::int64_t const now = shared::platform::NowSeconds();
   if (idleFlushSeconds_ != 0 && lastSave_ != 0 && now > lastSave_ + idleFlushSeconds_)
     FlushLocked();  // the stream was idle: what is held is stale
-  std::uint64_t const needed = std::uint64_t{used_} + len;
-  if (needed > capacity_ && growable_ && needed <= std::numeric_limits<unsigned>::max()) {
-    if (auto* grown = static_cast<unsigned char*>(std::realloc(buffer_, needed))) {
-      buffer_ = grown;
-      capacity_ = static_cast<unsigned>(needed);
-    }
-  }
+  std::uint64_t const needed = std::uint64_t{tail_ - head_} + len;
+  if (needed > capacity_ && growable_ && needed <= std::numeric_limits<unsigned>::max())
+    Grow(static_cast<unsigned>(needed));
   if (needed > capacity_) {
     // Drop everything, not just the new packet: a consumer that fell this far
     // behind is better served by fresh data.
     FlushLocked();
     return 0;
   }
-  std::memcpy(buffer_ + used_, buf, len);
-  used_ += len;
+  MakeRoom(len);
+  std::memcpy(buffer_ + tail_, buf, len);
+  tail_ += len;
   save_.Count(now, len);
   lastSave_ = now;
-  if (readerWaiting_ && IsPacketRdy() != 0) {
-    readerWaiting_ = 0;
-    dataReady_.Signal();
-  }
+  *wake = !holdWake_ && ClaimWaitingReader();
   return 1;
+}
+
+bool SockBuf_reg::ClaimWaitingReader() {
+  if (!readerWaiting_ || IsPacketRdy() == 0)
+    return false;
+  readerWaiting_ = 0;
+  return true;
+}
+
+void SockBuf_reg::HoldWake(int on) {
+  bool wake;
+  {
+    SemGuard guard(lock_);
+    holdWake_ = on;
+    wake = !on && ClaimWaitingReader();
+  }
+  if (wake)
+    dataReady_.Signal();
 }
 
 // --- taking ------------------------------------------------------------------
 
 int SockBuf_reg::TakePacket(void* buf, unsigned* pLen) {
-  unsigned const len = pkt::PktLen(buffer_);
+  unsigned char const* const front = buffer_ + head_;
+  unsigned const len = pkt::PktLen(front);
   int result = 0;
   if (buf && pLen && *pLen >= len) {
     ++pktRcv_;
-    unsigned const seq = pkt::PktSeq(buffer_);
+    unsigned const seq = pkt::PktSeq(front);
     if (mediaFilter_ != 0 && lastSeq_ != 0 && std::uint64_t{seq} > std::uint64_t{lastSeq_} + 1)
       pktLost_ += seq - lastSeq_ - 1;
     lastSeq_ = seq;
-    std::memcpy(buf, buffer_, len);
+    std::memcpy(buf, front, len);
     *pLen = len;
     read_.Count(shared::platform::NowSeconds(), len);
     result = 1;
@@ -147,6 +218,14 @@ int SockBuf_reg::TakePacket(void* buf, unsigned* pLen) {
 }
 
 int SockBuf_reg::GetData(void* buf, unsigned* pLen) {
+  bool ordered = false;
+  return TakeNext(buf, pLen, &ordered);
+}
+
+// GetData, also telling whether an ordering stage was hung behind the
+// register when the packet was taken, so that Read needs the data lock only
+// once per packet: the read thread saves under the same lock.
+int SockBuf_reg::TakeNext(void* buf, unsigned* pLen, bool* ordered) {
   wouldBlock_.store(0);
   if (aborted_.load() || !opened_.load())
     return 0;
@@ -163,8 +242,10 @@ int SockBuf_reg::GetData(void* buf, unsigned* pLen) {
     // readerWaiting_ set and signals.
     if (aborted_.load() || !opened_.load())
       return 0;
-    if (IsPacketRdy() != 0)
+    if (IsPacketRdy() != 0) {
+      *ordered = ordering_ != nullptr;
       return TakePacket(buf, pLen);
+    }
     if (!block_.load()) {
       wouldBlock_.store(1);
       return 0;
@@ -180,11 +261,7 @@ int SockBuf_reg::GetData(void* buf, unsigned* pLen) {
 }
 
 HRESULT __stdcall SockBuf_reg::Read(void* buf, unsigned len, unsigned* pRead) {
-  ISockBufOwner* owner;
-  {
-    SemGuard guard(lock_);
-    owner = owner_;
-  }
+  ISockBufOwner* const owner = owner_.load();
   if (aborted_.load() || !owner)
     return STG_E_INVALIDPOINTER;
   if (owner->IsSockError())
@@ -192,12 +269,8 @@ HRESULT __stdcall SockBuf_reg::Read(void* buf, unsigned len, unsigned* pRead) {
   if (!opened_.load())
     return STG_E_ACCESSDENIED;
   unsigned n = len;
-  if (GetData(buf, &n)) {
-    bool ordered;
-    {
-      SemGuard guard(lock_);
-      ordered = ordering_ != nullptr;
-    }
+  bool ordered = false;
+  if (TakeNext(buf, &n, &ordered)) {
     // With an ordering stage the stage forwards what it delivers instead.
     if (!ordered) {
       if (ISockBuffExt* writer = owner->GetPktMWObj()) {
@@ -282,7 +355,8 @@ void SockBuf_reg::FlushLocked() {
     ordering_->reset();
   if (buffer_ && capacity_ != 0)
     buffer_[0] = 0;
-  used_ = 0;
+  head_ = 0;
+  tail_ = 0;
   save_ = Rate{};
   read_ = Rate{};
   lastSave_ = 0;
@@ -312,6 +386,7 @@ void SockBuf_reg::reset() {
   FlushLocked();
   id_ = 0;
   mediaFilter_ = 0;
+  holdWake_ = 0;
   pktRcv_ = 0;
   pktLost_ = 0;
   lastSeq_ = 0;
@@ -404,13 +479,10 @@ unsigned SockBuf_reg::GetId() {
 
 void SockBuf_reg::SetSockBuffs(ISockBufOwner* owner) {
   SemGuard guard(lock_);
-  owner_ = owner;
+  owner_.store(owner);
 }
 
-ISockBufOwner* SockBuf_reg::GetSockBuffs() {
-  SemGuard guard(lock_);
-  return owner_;
-}
+ISockBufOwner* SockBuf_reg::GetSockBuffs() { return owner_.load(); }
 
 int SockBuf_reg::CanDefrag() {
   SemGuard guard(lock_);
@@ -434,17 +506,17 @@ unsigned SockBuf_reg::GetnPktLost() {
 
 void* SockBuf_reg::GetBufPtr() {
   SemGuard guard(lock_);
-  return buffer_;
+  return buffer_ ? buffer_ + head_ : nullptr;
 }
 
 unsigned SockBuf_reg::GetBytesLeft() {
   SemGuard guard(lock_);
-  return capacity_ - used_;
+  return capacity_ - (tail_ - head_);
 }
 
 unsigned SockBuf_reg::GetBytesUsed() {
   SemGuard guard(lock_);
-  return used_;
+  return tail_ - head_;
 }
 
 unsigned SockBuf_reg::GetMaxBufLen() {

@@ -2,12 +2,18 @@
 //
 // The owner's read thread appends whole media packets with SaveData; a
 // consumer takes them out one at a time with GetData or, through the
-// ISockBuffExt face, with Read. Packets sit back to back from offset 0 of one
-// buffer, oldest first; the oldest leaves by moving the rest to the front, so
-// the buffer never wraps and no packet costs an allocation:
+// ISockBuffExt face, with Read. Packets sit back to back in one buffer, oldest
+// first, between a read offset and a write offset. A read only advances the
+// read offset, and a read that empties the register puts both back to 0. The
+// buffer is twice the window: the live bytes move to the front only when a
+// save would run off its end, and by then more bytes were read than are
+// live, so each byte is copied at most once more on average however far the
+// consumer lags. The window (capacity_) alone decides what fits; no packet
+// wraps and none costs an allocation:
 //
-//   buffer_: [hdr|payload][hdr|payload][hdr|pay..       ]
-//            ^0                             ^used_       ^capacity_
+//   buffer_: [consumed...][hdr|payload][hdr|pay..   free              ]
+//            ^0           ^head_               ^tail_                    ^physical_
+//                         <- live: at most capacity_ ->   (physical_ = 2 x capacity_)
 //
 // Packets whose media identifier differs from the filter are dropped lazily,
 // when a reader or writer looks at the front. A save that does not fit
@@ -33,6 +39,7 @@
 #include "thread/Semaphore.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -57,6 +64,7 @@ class SHAREDLIB_API SockBuf_reg : public BufVectorReg, public ISockBuffExt {
   // A packet larger than the room is dropped (0): a reader with a small
   // buffer cannot stall the stream. Blocks in blocking mode.
   int GetData(void* buf, unsigned* pLen) override;
+  // The oldest live byte; valid until the next call on the register.
   void* GetBufPtr() override;
   unsigned GetBytesLeft() override;
   unsigned GetBytesUsed() override;
@@ -115,6 +123,12 @@ class SHAREDLIB_API SockBuf_reg : public BufVectorReg, public ISockBuffExt {
   void ResetWaitingForData();
   // 1 while a reader is blocked waiting for data.
   int IsWaitingForData();
+  // While on, saves leave a blocked reader asleep; turning it off wakes it
+  // once for all they stored. The owner's read thread brackets each chunk it
+  // cuts with it, so that the reader drains the chunk while the read thread
+  // is back in the kernel instead of colliding with it packet by packet.
+  // reset turns it off.
+  void HoldWake(int on);
 
  private:
   friend class SockBuf_reg2;
@@ -130,9 +144,17 @@ class SHAREDLIB_API SockBuf_reg : public BufVectorReg, public ISockBuffExt {
 
   unsigned IsPacketRdy();  // lock held
   void RemoveFront(unsigned len);  // lock held
+  void MakeRoom(unsigned len);  // lock held, len fits the window
+  void Compact();  // lock held: live bytes to offset 0
+  bool Grow(unsigned needed);  // lock held
   void FlushLocked();  // lock held
   void DestroyStages();  // lock held
+  int SaveLocked(void* buf, unsigned len, bool* wake);
+  // Lock held. true when a blocked reader has a packet now; the caller
+  // signals it once the lock is left.
+  bool ClaimWaitingReader();
   int TakePacket(void* buf, unsigned* pLen);  // lock held, packet ready
+  int TakeNext(void* buf, unsigned* pLen, bool* ordered);
 
   std::FILE* saveFile_ = nullptr;     // guarded by lock_
   std::atomic<int> opened_{0};        // written under lock_
@@ -140,12 +162,15 @@ class SHAREDLIB_API SockBuf_reg : public BufVectorReg, public ISockBuffExt {
   std::atomic<int> block_{1};
   std::atomic<int> wouldBlock_{0};
   int readerWaiting_ = 0;             // guarded by lock_
+  int holdWake_ = 0;                  // guarded by lock_
   int const growable_;
   unsigned char* buffer_ = nullptr;   // guarded by lock_
   unsigned id_ = 0;                   // guarded by lock_
   unsigned idleFlushSeconds_ = 0;     // guarded by lock_
-  unsigned used_ = 0;                 // guarded by lock_
-  unsigned capacity_ = 0;             // guarded by lock_
+  unsigned head_ = 0;                 // guarded by lock_: read offset
+  unsigned tail_ = 0;                 // guarded by lock_: write offset
+  unsigned capacity_ = 0;             // guarded by lock_: the window
+  std::size_t physical_ = 0;          // guarded by lock_: bytes at buffer_
   unsigned mediaFilter_ = 0;          // guarded by lock_
   unsigned pktRcv_ = 0;               // guarded by lock_
   unsigned pktLost_ = 0;              // guarded by lock_
@@ -155,7 +180,7 @@ class SHAREDLIB_API SockBuf_reg : public BufVectorReg, public ISockBuffExt {
   Rate save_;                         // guarded by lock_
   Rate read_;                         // guarded by lock_
   std::int64_t lastSave_ = 0;         // guarded by lock_
-  ISockBufOwner* owner_ = nullptr;    // guarded by lock_
+  std::atomic<ISockBufOwner*> owner_{nullptr};  // written under lock_
   SockBuf_reg2* ordering_ = nullptr;  // guarded by lock_ (and stageGate_ to destroy)
   SockBuf_defrag* defrag_ = nullptr;  // guarded by lock_ (and stageGate_ to destroy)
   _SEMAPHORE stageGate_;              // kind 3: consumers of the stages

@@ -20,6 +20,26 @@ using shared::SemGuard;
 namespace {
 constexpr unsigned kTimeStampOffset = 16;
 constexpr unsigned kIndexCapacity = 1000;
+
+// Holds the windows' reader wake-ups for one network chunk: a consumer woken
+// by the chunk's first packet would otherwise take the window's lock once
+// per packet while the read thread is still storing the rest, and each
+// collision costs both threads a sleep. A file source is paced packet by
+// packet, so its packets wake readers as they are stored.
+class ChunkWakeHold {
+ public:
+  ChunkWakeHold(SockBufVect* wnds, bool on) : wnds_(on ? wnds : nullptr) {
+    if (wnds_ != nullptr) wnds_->HoldWakes(1);
+  }
+  ~ChunkWakeHold() {
+    if (wnds_ != nullptr) wnds_->HoldWakes(0);
+  }
+  ChunkWakeHold(ChunkWakeHold const&) = delete;
+  ChunkWakeHold& operator=(ChunkWakeHold const&) = delete;
+
+ private:
+  SockBufVect* const wnds_;
+};
 }  // namespace
 
 // Whole packets are cut straight out of the caller's bytes; only a packet
@@ -29,6 +49,7 @@ constexpr unsigned kIndexCapacity = 1000;
 int SockBuffs::WriteData(void const* buf, unsigned len) {
   if (!opened_.load() || stop_.load() || buf == nullptr || len == 0) return 0;
   SemGuard g(lock_);
+  ChunkWakeHold hold(wnds_.get(), readFd_ == -1);
   auto const* p = static_cast<unsigned char const*>(buf);
   if (input_->GetBytesUsed() != 0 && !CompletePending(&p, &len)) return 1;
   while (len >= pkt::kHeaderLen && !stop_.load()) {
@@ -79,9 +100,12 @@ void SockBuffs::SaveMediaPkt(unsigned char const* p, unsigned len) {
   if (key == 0) {
     ISockBuffNotify* notifier = notifier_.load();
     if (notifier == nullptr) return;
+    // The application may take its time: readers get what is stored so far.
+    if (!fromFile) wnds_->HoldWakes(0);
     lock_.Signal();
     int const wanted = notifier->NewMediaId(mediaId, p[10], p[11]);
     lock_.Wait();
+    if (!fromFile) wnds_->HoldWakes(1);
     if (stop_.load() || wanted == 0) return;
     key = SearchMediaID(mediaId);
     if (key == 0) return;
