@@ -193,7 +193,15 @@ int SockMWBuffs::write(void const *pkt, unsigned len) {
     if (rec_)
       rec_->insert(Le32(bytes + 4), static_cast<char const *>(pkt), len);
     if (frag_) {
+      if (!frag_->IsPktOk(pkt, len, nullptr))
+        return 0;
       int r = frag_->SaveData(pkt, len);
+      if (!r) {
+        // The queue overflowed and dropped what it held, of any stream:
+        // every stream skips a number, so its receiver sees the loss.
+        for (auto &entry : fragSeqs_)
+          ++entry.second;
+      }
       if (!defragRunning_)
         DrainFragQueue();
       Wake();
@@ -230,7 +238,15 @@ void SockMWBuffs::DrainFragQueue() {
   char buf[2048];
   unsigned n = 0;
   while (frag_->GetQueue()->NextPktSize() > 0 && frag_->GetData(buf, sizeof buf, &n))
-    main_->Push(buf, n);
+    PushFragment(buf, n);
+}
+
+void SockMWBuffs::PushFragment(char *frag, unsigned len) {
+  if (len < kHeaderBytes)
+    return;
+  auto *bytes = reinterpret_cast<unsigned char *>(frag);
+  PutLe32(bytes + 4, ++fragSeqs_[Le32(bytes)]);
+  main_->Push(frag, len);
 }
 
 unsigned SockMWBuffs::ResendPkts(unsigned first, unsigned last) {
@@ -310,6 +326,7 @@ void SockMWBuffs::reset() {
   }
   if (frag_)
     frag_->GetQueue()->Reset();
+  fragSeqs_.clear();
   if (rec_)
     rec_->flush(1);
   pacer_->Clear();

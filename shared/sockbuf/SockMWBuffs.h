@@ -11,7 +11,7 @@
 // Packets: a 12-byte header (stream id, sequence number, 16-bit length, type,
 // flag byte; flag 0x10 marks audio), integers little-endian. With flag bit 1
 // packets are cut by a MediaFrag whose fragments "SockMWBuffs: Defrag
-// Thread" moves into the buffer. With bufFlags bit 0 audio packets wait in a
+// Thread" moves into the buffer, numbered per stream. With bufFlags bit 0 audio packets wait in a
 // buffer of their own and are sent before video. "SockMWBuffs: TCP Ping
 // Thread" reads the peer's pings and reconnects after silence (see
 // VerifyTCPPing). Unpaced without flag bit 0 (direct mode), write sends at
@@ -39,6 +39,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <unordered_map>
 
 class IThread;
 class MWPacer;
@@ -204,6 +205,9 @@ private:
   void Reconnect();
   bool SavePktLocked(char const *pkt, unsigned len);
   void DrainFragQueue();
+  // Numbers a fragment taken from the fragment queue in its own stream's
+  // sequence and buffers it (lock_ held).
+  void PushFragment(char *frag, unsigned len);
   void Wake();
 
   int ok_ = 0;
@@ -229,6 +233,10 @@ private:
   unsigned sent_ = 0;                          // guarded by lock_
   unsigned sendErrors_ = 0;                    // guarded by lock_
   bool defragRunning_ = false;                 // guarded by lock_: the defrag thread reads frag_
+  // Last fragment number per stream id, guarded by lock_. The fragment
+  // queue numbers with one counter for all streams, which a receiver that
+  // filters one stream would read as gaps.
+  std::unordered_map<std::uint32_t, std::uint32_t> fragSeqs_;
   std::atomic<int> idle_{0};
   std::atomic<int> aborted_{0};
   std::atomic<int> stop_{0};

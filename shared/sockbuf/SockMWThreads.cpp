@@ -167,7 +167,7 @@ void SockMWBuffs::DefragLoop() {
     if (!frag_->GetData(buf.data(), static_cast<unsigned>(buf.size()), &n))
       continue;
     SemGuard g(*lock_);
-    main_->Push(buf.data(), n);
+    PushFragment(buf.data(), n);
     Wake();
   }
 }
