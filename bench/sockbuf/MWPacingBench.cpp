@@ -2,7 +2,6 @@
 // sleep_until pacer (what a user would write instead) in the same run.
 // For each rate: achieved rate against target over the run, the largest
 // number of bytes received in any 100 ms, and process CPU per second.
-// Usage: bench_mw_pacing [seconds per run, default 10]
 #include <sharedlib.h>
 
 #include <arpa/inet.h>
@@ -82,8 +81,17 @@ private:
   int port_ = 0;
 };
 
-void Report(char const *who, unsigned kbps, std::vector<unsigned> const &perMs, double cpu) {
+// The bytes a 1000 ms window lets through under the whole-packet window
+// rule (a packet is refused when the window's bytes plus it exceed it):
+// floor(window / packet) packets.
+double CeilingBytesPerSecond(unsigned kbps, unsigned len) {
+  unsigned long long const window = kbps * 1024ull / 8ull;
+  return static_cast<double>(window / len * len);
+}
+
+void Report(char const *who, unsigned kbps, unsigned len, std::vector<unsigned> const &perMs, double cpu) {
   double const target = kbps * 1024.0 / 8.0;
+  double const ceiling = CeilingBytesPerSecond(kbps, len);
   unsigned long long total = 0, sum100 = 0, worst100 = 0;
   for (size_t i = 0; i < perMs.size(); ++i) {
     total += perMs[i];
@@ -94,11 +102,19 @@ void Report(char const *who, unsigned kbps, std::vector<unsigned> const &perMs, 
   }
   double const secs = static_cast<double>(perMs.size()) / 1000.0;
   double const rate = static_cast<double>(total) / secs;
-  std::printf("%-10s %6u kbit/s  achieved %+6.2f%%  max/100ms %8llu B (slot %6.0f B)  cpu %5.1f ms/s\n", who,
-              kbps, (rate / target - 1.0) * 100.0, worst100, target / 10.0, cpu / secs * 1000.0);
+  unsigned long long const limit = static_cast<unsigned long long>(target / 10.0) + len;
+  std::printf("%-11s %5u kbit/s %4u B  vs target %+6.2f%%  vs ceiling %+6.2f%% (%+5.2f%%)  max/100ms %7llu B "
+              "(limit %7llu B)%s  cpu %5.1f ms/s\n",
+              who, kbps, len, (rate / target - 1.0) * 100.0, (rate / ceiling - 1.0) * 100.0,
+              (ceiling / target - 1.0) * 100.0, worst100, limit, worst100 > limit ? " OVER" : "",
+              cpu / secs * 1000.0);
+  std::fflush(stdout);
 }
 
+// The usual packet sizes, and sizes that divide the window (kbps * 128
+// bytes, a power of two for every rate here) so the window rule costs nothing.
 unsigned PacketBytes(unsigned kbps) { return kbps <= 64 ? 172 : 1400; }
+unsigned EvenPacketBytes(unsigned kbps) { return kbps <= 64 ? 128 : 1024; }
 
 std::vector<char> Packet(unsigned seq, unsigned len) {
   std::vector<char> p(len, 0);
@@ -109,7 +125,7 @@ std::vector<char> Packet(unsigned seq, unsigned len) {
   return p;
 }
 
-void RunOurs(unsigned kbps, unsigned seconds, SendQueue *queue) {
+void RunOurs(unsigned kbps, unsigned len, unsigned seconds, SendQueue *queue) {
   Receiver rx;
   std::vector<unsigned> perMs;
   std::thread t([&] { perMs = rx.Run(seconds * 1000); });
@@ -121,7 +137,6 @@ void RunOurs(unsigned kbps, unsigned seconds, SendQueue *queue) {
   mw.OpenUrl();
   double const cpu0 = CpuSeconds();
   mw.StartWriteThread();
-  unsigned const len = PacketBytes(kbps);
   unsigned const keep = static_cast<unsigned>(kbps * 1024u / 8u);  // about a second ahead
   auto const end = SteadyClock::now() + std::chrono::seconds(seconds) + std::chrono::milliseconds(300);
   unsigned seq = 0;
@@ -133,12 +148,12 @@ void RunOurs(unsigned kbps, unsigned seconds, SendQueue *queue) {
   double const cpu = CpuSeconds() - cpu0;
   mw.Abort();
   t.join();
-  Report("SockMWBuffs", kbps, perMs, cpu);
+  Report("SockMWBuffs", kbps, len, perMs, cpu);
 }
 
 // The usual hand-written pacer: one send per packet, sleep_until the time
 // the bytes so far are due.
-void RunSleepPacer(unsigned kbps, unsigned seconds) {
+void RunSleepPacer(unsigned kbps, unsigned len, unsigned seconds) {
   Receiver rx;
   std::vector<unsigned> perMs;
   std::thread t([&] { perMs = rx.Run(seconds * 1000); });
@@ -149,7 +164,6 @@ void RunSleepPacer(unsigned kbps, unsigned seconds) {
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   ::connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
   double const cpu0 = CpuSeconds();
-  unsigned const len = PacketBytes(kbps);
   double const bytesPerSec = kbps * 1024.0 / 8.0;
   auto const start = SteadyClock::now();
   auto const end = start + std::chrono::seconds(seconds) + std::chrono::milliseconds(300);
@@ -165,20 +179,30 @@ void RunSleepPacer(unsigned kbps, unsigned seconds) {
   double const cpu = CpuSeconds() - cpu0;
   ::close(fd);
   t.join();
-  Report("sleep_until", kbps, perMs, cpu);
+  Report("sleep_until", kbps, len, perMs, cpu);
 }
 
 }  // namespace
 
+// Usage: bench_mw_pacing [seconds per run, default 10] [kbit/s ...]
 int main(int argc, char **argv) {
   unsigned seconds = argc > 1 ? static_cast<unsigned>(std::atoi(argv[1])) : 10;
   if (seconds == 0)
     seconds = 10;
+  std::vector<unsigned> rates;
+  for (int i = 2; i < argc; ++i)
+    rates.push_back(static_cast<unsigned>(std::atoi(argv[i])));
+  if (rates.empty())
+    rates = {64u, 512u, 2048u, 16384u};
   SendQueue queue(65536, 64, 64);
-  std::printf("%u s per run, 10 slots of 100 ms, packets of 172 B (64 kbit/s) or 1400 B\n", seconds);
-  for (unsigned kbps : {64u, 512u, 2048u, 16384u}) {
-    RunOurs(kbps, seconds, &queue);
-    RunSleepPacer(kbps, seconds);
+  std::printf("%u s per run, 10 slots of 100 ms; ceiling: floor(window / packet) packets per window "
+              "(its distance from the target in parentheses); limit: one slot's budget plus one packet\n",
+              seconds);
+  for (unsigned kbps : rates) {
+    for (unsigned len : {PacketBytes(kbps), EvenPacketBytes(kbps)}) {
+      RunOurs(kbps, len, seconds, &queue);
+      RunSleepPacer(kbps, len, seconds);
+    }
   }
   return 0;
 }

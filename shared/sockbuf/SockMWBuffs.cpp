@@ -8,6 +8,7 @@
 #include "socket/SocketCtrl.h"
 #include "sockbuf/MWPacer.h"
 #include "sockbuf/detail/MWPacketFifo.h"
+#include "sockbuf/detail/MWRecentSends.h"
 #include "thread/Semaphore.h"
 
 #include <climits>
@@ -79,6 +80,7 @@ SockMWBuffs::SockMWBuffs(unsigned bitrate, unsigned slots, unsigned bufferMs, in
   }
 
   pacer_ = std::make_unique<MWPacer>(slots, windowMs, perMs_);
+  recent_ = std::make_unique<shared::detail::MWRecentSends>();
   bool rateOk;
   if (bitrate == 0)
     rateOk = (flags & kFlagBuffered) == 0 || bufferMs != 0;
@@ -116,13 +118,18 @@ int SockMWBuffs::SetBitrate(unsigned kbps) {
     rate = kbps - found->share * 4 / 3;
   }
   pacer_->SetRate(rate);
+  FollowSlot();
   return 1;
 }
 
 int SockMWBuffs::SetBitrateWindow(unsigned long ms) {
   SemGuard g(*lock_);
-  return pacer_->SetWindow(ms);
+  int r = pacer_->SetWindow(ms);
+  FollowSlot();
+  return r;
 }
+
+void SockMWBuffs::FollowSlot() { recent_->SetLimit(pacer_->SlotMs(), pacer_->SlotBytes()); }
 
 int SockMWBuffs::CanSendPkt(unsigned len, unsigned long nowMs, unsigned *waitMs) {
   if (ctrl_ && ctrl_->isSockSndBufFull(kNoSock)) {
@@ -330,6 +337,7 @@ void SockMWBuffs::reset() {
   if (rec_)
     rec_->flush(1);
   pacer_->Clear();
+  recent_->Clear();
   sent_ = 0;
   sendErrors_ = 0;
 }

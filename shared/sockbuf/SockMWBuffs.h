@@ -40,6 +40,7 @@
 #include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <vector>
 
 class IThread;
 class MWPacer;
@@ -50,6 +51,7 @@ class SocketCtrl;
 class _SEMAPHORE;
 namespace shared::detail {
 class MWPacketFifo;
+class MWRecentSends;
 }
 
 class SHAREDLIB_API SockMWBuffs : public ISockBuff {
@@ -209,6 +211,9 @@ private:
   // sequence and buffers it (lock_ held).
   void PushFragment(char *frag, unsigned len);
   void Wake();
+  // After a rate or window change: the recent-sends limit follows the slot
+  // (lock_ held).
+  void FollowSlot();
 
   int ok_ = 0;
   bool const perMs_;
@@ -226,6 +231,8 @@ private:
   std::unique_ptr<_SEMAPHORE> sinkLock_;
   std::unique_ptr<_SEMAPHORE> wake_;           // kind 1, max 1: wakes the writer
   std::unique_ptr<MWPacer> pacer_;             // guarded by lock_
+  // What the sending path let out in the last slot, guarded by lock_.
+  std::unique_ptr<shared::detail::MWRecentSends> recent_;
   std::unique_ptr<shared::detail::MWPacketFifo> main_;   // guarded by lock_
   std::unique_ptr<shared::detail::MWPacketFifo> audio_;  // guarded by lock_; null when shared
   std::unique_ptr<MediaFrag> frag_;            // SaveData under lock_
