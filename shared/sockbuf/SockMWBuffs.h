@@ -211,6 +211,9 @@ private:
   // sequence and buffers it (lock_ held).
   void PushFragment(char *frag, unsigned len);
   void Wake();
+  // The writer, holding a packet: sleeps while the last slot's sends keep
+  // it back.
+  void HoldForRecentSends();
   // After a rate or window change: the recent-sends limit follows the slot
   // (lock_ held).
   void FollowSlot();

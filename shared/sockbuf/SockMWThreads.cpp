@@ -150,6 +150,10 @@ void SockMWBuffs::WriteLoop() {
       }
     }
     if (!pkt.empty()) {
+      // Looked at again just before the send: a writer preempted since its
+      // decision would otherwise let the packet out late, next to the ones
+      // the span already holds.
+      HoldForRecentSends();
       bool ok = SendToSink(pkt.data(), static_cast<unsigned>(pkt.size()));
       SemGuard g(*lock_);
       // Stamped once the send is done, so the span it counts in is never
@@ -158,6 +162,20 @@ void SockMWBuffs::WriteLoop() {
       ok ? ++sent_ : ++sendErrors_;
       continue;
     }
+    wake_->SetTimeout(waitMs);
+    wake_->Wait(1);
+  }
+}
+
+void SockMWBuffs::HoldForRecentSends() {
+  for (;;) {
+    unsigned waitMs;
+    {
+      SemGuard g(*lock_);
+      waitMs = recent_->WaitMs(sp::TickCount());
+    }
+    if (waitMs == 0 || Stopping())
+      return;
     wake_->SetTimeout(waitMs);
     wake_->Wait(1);
   }

@@ -21,22 +21,23 @@ TEST(SockMWRecentSends, HoldsTheLastSpanToItsBudget) {
     r.Add(t, 1400);
   EXPECT_EQ(0u, r.WaitMs(1030));  // 4,200 held: one more may go
   r.Add(1030, 1400);
-  // 5,600 held: the send of 1000 must leave the span, at 1100.
-  EXPECT_EQ(70u, r.WaitMs(1030));
-  EXPECT_EQ(1u, r.WaitMs(1099));
-  EXPECT_EQ(0u, r.WaitMs(1100));
+  // 5,600 held: the send of 1000 must leave the span. Ticks are whole ms, so
+  // it counts up to 100 ms after its tick, and leaves at 1101.
+  EXPECT_EQ(71u, r.WaitMs(1030));
+  EXPECT_EQ(1u, r.WaitMs(1100));
+  EXPECT_EQ(0u, r.WaitMs(1101));
   EXPECT_EQ(4200u, r.Bytes());
   // A large packet: all but the newest send must leave first.
-  r.Add(1100, 5000);
-  EXPECT_EQ(30u, r.WaitMs(1100));  // 1030 leaves at 1130: 5,000 left
+  r.Add(1101, 5000);
+  EXPECT_EQ(30u, r.WaitMs(1101));  // 1030 leaves at 1131: 5,000 left
   // The clock went back: what was recorded no longer counts.
   EXPECT_EQ(0u, r.WaitMs(900));
   // Across the wrap of the 32-bit tick count.
   r.Clear();
   r.Add(0xFFFFFFF0ul, 6000);
-  EXPECT_EQ(90u, r.WaitMs(0xFFFFFFFAul));
-  EXPECT_EQ(4u, r.WaitMs(0x50ul));
-  EXPECT_EQ(0u, r.WaitMs(0x54ul));
+  EXPECT_EQ(91u, r.WaitMs(0xFFFFFFFAul));
+  EXPECT_EQ(1u, r.WaitMs(0x54ul));
+  EXPECT_EQ(0u, r.WaitMs(0x55ul));
   // No limit without a rate.
   r.SetLimit(100, 0);
   r.Add(0x60, 100000);
@@ -105,7 +106,11 @@ TEST(SockMWWriterGate, SlightlyLateWakeUpsKeepTheRateAndTheSlotLimit) {
       unsigned const slot = c.kbps * 1024 / 8 / 10;
       EXPECT_LE(run.worst100, slot + c.len);
       if (perMs) {
-        EXPECT_NEAR(run.rate, Ceiling(c), Ceiling(c) * 0.01);
+        // At 1.5 packets per ms the limit, held over 101 ticks, leaves 0.2
+        // of a packet in 150 to spare: it costs up to 0.8% there, and the
+        // lateness adds to that.
+        double const slack = c.kbps * 128 / c.len > 1000 ? 0.015 : 0.01;
+        EXPECT_NEAR(run.rate, Ceiling(c), Ceiling(c) * slack);
       }
     }
   }

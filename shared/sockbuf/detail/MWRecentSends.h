@@ -12,7 +12,9 @@
 //           <---------------- span ---------------->| now
 //
 // Times are the tick count, taken after each send completed, so a span of
-// sends never looks shorter than it was. Differences are 32-bit, so the wrap
+// sends never looks shorter than it was. Ticks are whole milliseconds: a
+// send stamped n - span may have left less than span ms before one decided
+// at tick n, so it still counts then (span + 1 ticks are held). Differences are 32-bit, so the wrap
 // of the tick count is harmless; a tick older than the span or in the future
 // (the clock went back) no longer counts.
 //
@@ -49,7 +51,7 @@ public:
     for (auto const &s : sends_) {
       rest -= s.second;
       if (rest <= budget_)
-        return span_ - Age(s.first, nowMs);
+        return span_ + 1 - Age(s.first, nowMs);
     }
     return span_;  // not reached: rest ends at 0
   }
@@ -73,7 +75,7 @@ private:
   static std::uint32_t Age(std::uint32_t t, unsigned long nowMs) { return static_cast<std::uint32_t>(nowMs) - t; }
 
   void Expire(unsigned long nowMs) {
-    while (!sends_.empty() && Age(sends_.front().first, nowMs) >= span_) {
+    while (!sends_.empty() && Age(sends_.front().first, nowMs) > span_) {
       bytes_ -= sends_.front().second;
       sends_.pop_front();
     }
