@@ -11,11 +11,15 @@
 // Packets: a 12-byte header (stream id, sequence number, 16-bit length, type,
 // flag byte; flag 0x10 marks audio), integers little-endian. With flag bit 1
 // packets are cut by a MediaFrag whose fragments "SockMWBuffs: Defrag
-// Thread" moves into the buffer, numbered per stream. With bufFlags bit 0 audio packets wait in a
-// buffer of their own and are sent before video. "SockMWBuffs: TCP Ping
+// Thread" moves into the buffer, numbered per stream. With bufFlags bit 0
+// audio packets wait in a buffer of their own and are sent before video. "SockMWBuffs: TCP Ping
 // Thread" reads the peer's pings and reconnects after silence (see
 // VerifyTCPPing). Unpaced without flag bit 0 (direct mode), write sends at
 // once on the caller's thread.
+//
+// The writer also keeps what it let out in the last slot and holds a packet
+// back while that is a slot's budget already (detail/MWRecentSends.h), so a
+// writer that woke late never lets a run out together.
 //
 // Ownership: owns its controller, fragment queue, jitter buffer of sent
 // packets (EnablePktRec) and threads. The sink, the send queue, the notify
@@ -40,7 +44,6 @@
 #include <memory>
 #include <mutex>
 #include <unordered_map>
-#include <vector>
 
 class IThread;
 class MWPacer;
