@@ -131,6 +131,12 @@ unsigned MWPacer::AdviseWait(unsigned len, unsigned long nowMs, unsigned cur) co
   return static_cast<unsigned>(slotMs_);
 }
 
+unsigned long MWPacer::DueMs(unsigned len) const {
+  if (!perMs_ || kbps_ == 0 || ring_.empty())
+    return 0;
+  return static_cast<unsigned long>((dueUs_ + PktUs(len) + 999u) / 1000u);
+}
+
 void MWPacer::Count(unsigned len, unsigned long nowMs) {
   if (ring_.empty() || kbps_ == 0)
     return;

@@ -47,6 +47,10 @@ public:
   // 1 when a packet of len bytes may go at nowMs; 0 with *waitMs (when not
   // null) the advised wait in ms. Does not count the packet: see Count.
   int CanSendPkt(unsigned len, unsigned long nowMs, unsigned *waitMs);
+  // Per-millisecond pacing: the first tick at which the time since the last
+  // packet was due covers len bytes (the writer sleeps until then). 0 when
+  // that pacing is off or no rate is set.
+  unsigned long DueMs(unsigned len) const;
   // The sending path: adds len bytes sent at nowMs to its slot and the
   // running total, makes nowMs the window's start and arms the slot limit.
   void Count(unsigned len, unsigned long nowMs);

@@ -8,6 +8,7 @@
 #include "socket/SocketCtrl.h"
 #include "sockbuf/MWPacer.h"
 #include "sockbuf/detail/MWPacketFifo.h"
+#include "sockbuf/detail/MWRecentSends.h"
 #include "thread/Semaphore.h"
 
 #include <climits>
@@ -79,6 +80,7 @@ SockMWBuffs::SockMWBuffs(unsigned bitrate, unsigned slots, unsigned bufferMs, in
   }
 
   pacer_ = std::make_unique<MWPacer>(slots, windowMs, perMs_);
+  recent_ = std::make_unique<shared::detail::MWRecentSends>();
   bool rateOk;
   if (bitrate == 0)
     rateOk = (flags & kFlagBuffered) == 0 || bufferMs != 0;
@@ -116,13 +118,18 @@ int SockMWBuffs::SetBitrate(unsigned kbps) {
     rate = kbps - found->share * 4 / 3;
   }
   pacer_->SetRate(rate);
+  FollowSlot();
   return 1;
 }
 
 int SockMWBuffs::SetBitrateWindow(unsigned long ms) {
   SemGuard g(*lock_);
-  return pacer_->SetWindow(ms);
+  int r = pacer_->SetWindow(ms);
+  FollowSlot();
+  return r;
 }
+
+void SockMWBuffs::FollowSlot() { recent_->SetLimit(pacer_->SlotMs(), pacer_->SlotBytes()); }
 
 int SockMWBuffs::CanSendPkt(unsigned len, unsigned long nowMs, unsigned *waitMs) {
   if (ctrl_ && ctrl_->isSockSndBufFull(kNoSock)) {
@@ -193,7 +200,15 @@ int SockMWBuffs::write(void const *pkt, unsigned len) {
     if (rec_)
       rec_->insert(Le32(bytes + 4), static_cast<char const *>(pkt), len);
     if (frag_) {
+      if (!frag_->IsPktOk(pkt, len, nullptr))
+        return 0;
       int r = frag_->SaveData(pkt, len);
+      if (!r) {
+        // The queue overflowed and dropped what it held, of any stream:
+        // every stream skips a number, so its receiver sees the loss.
+        for (auto &entry : fragSeqs_)
+          ++entry.second;
+      }
       if (!defragRunning_)
         DrainFragQueue();
       Wake();
@@ -230,7 +245,15 @@ void SockMWBuffs::DrainFragQueue() {
   char buf[2048];
   unsigned n = 0;
   while (frag_->GetQueue()->NextPktSize() > 0 && frag_->GetData(buf, sizeof buf, &n))
-    main_->Push(buf, n);
+    PushFragment(buf, n);
+}
+
+void SockMWBuffs::PushFragment(char *frag, unsigned len) {
+  if (len < kHeaderBytes)
+    return;
+  auto *bytes = reinterpret_cast<unsigned char *>(frag);
+  PutLe32(bytes + 4, ++fragSeqs_[Le32(bytes)]);
+  main_->Push(frag, len);
 }
 
 unsigned SockMWBuffs::ResendPkts(unsigned first, unsigned last) {
@@ -310,9 +333,11 @@ void SockMWBuffs::reset() {
   }
   if (frag_)
     frag_->GetQueue()->Reset();
+  fragSeqs_.clear();
   if (rec_)
     rec_->flush(1);
   pacer_->Clear();
+  recent_->Clear();
   sent_ = 0;
   sendErrors_ = 0;
 }

@@ -11,11 +11,15 @@
 // Packets: a 12-byte header (stream id, sequence number, 16-bit length, type,
 // flag byte; flag 0x10 marks audio), integers little-endian. With flag bit 1
 // packets are cut by a MediaFrag whose fragments "SockMWBuffs: Defrag
-// Thread" moves into the buffer. With bufFlags bit 0 audio packets wait in a
-// buffer of their own and are sent before video. "SockMWBuffs: TCP Ping
+// Thread" moves into the buffer, numbered per stream. With bufFlags bit 0
+// audio packets wait in a buffer of their own and are sent before video. "SockMWBuffs: TCP Ping
 // Thread" reads the peer's pings and reconnects after silence (see
 // VerifyTCPPing). Unpaced without flag bit 0 (direct mode), write sends at
 // once on the caller's thread.
+//
+// The writer also keeps what it let out in the last slot and holds a packet
+// back while that is a slot's budget already (detail/MWRecentSends.h), so a
+// writer that woke late never lets a run out together.
 //
 // Ownership: owns its controller, fragment queue, jitter buffer of sent
 // packets (EnablePktRec) and threads. The sink, the send queue, the notify
@@ -39,6 +43,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <unordered_map>
 
 class IThread;
 class MWPacer;
@@ -49,6 +54,7 @@ class SocketCtrl;
 class _SEMAPHORE;
 namespace shared::detail {
 class MWPacketFifo;
+class MWRecentSends;
 }
 
 class SHAREDLIB_API SockMWBuffs : public ISockBuff {
@@ -204,7 +210,16 @@ private:
   void Reconnect();
   bool SavePktLocked(char const *pkt, unsigned len);
   void DrainFragQueue();
+  // Numbers a fragment taken from the fragment queue in its own stream's
+  // sequence and buffers it (lock_ held).
+  void PushFragment(char *frag, unsigned len);
   void Wake();
+  // The writer, holding a packet: sleeps while the last slot's sends keep
+  // it back.
+  void HoldForRecentSends();
+  // After a rate or window change: the recent-sends limit follows the slot
+  // (lock_ held).
+  void FollowSlot();
 
   int ok_ = 0;
   bool const perMs_;
@@ -222,6 +237,8 @@ private:
   std::unique_ptr<_SEMAPHORE> sinkLock_;
   std::unique_ptr<_SEMAPHORE> wake_;           // kind 1, max 1: wakes the writer
   std::unique_ptr<MWPacer> pacer_;             // guarded by lock_
+  // What the sending path let out in the last slot, guarded by lock_.
+  std::unique_ptr<shared::detail::MWRecentSends> recent_;
   std::unique_ptr<shared::detail::MWPacketFifo> main_;   // guarded by lock_
   std::unique_ptr<shared::detail::MWPacketFifo> audio_;  // guarded by lock_; null when shared
   std::unique_ptr<MediaFrag> frag_;            // SaveData under lock_
@@ -229,6 +246,10 @@ private:
   unsigned sent_ = 0;                          // guarded by lock_
   unsigned sendErrors_ = 0;                    // guarded by lock_
   bool defragRunning_ = false;                 // guarded by lock_: the defrag thread reads frag_
+  // Last fragment number per stream id, guarded by lock_. The fragment
+  // queue numbers with one counter for all streams, which a receiver that
+  // filters one stream would read as gaps.
+  std::unordered_map<std::uint32_t, std::uint32_t> fragSeqs_;
   std::atomic<int> idle_{0};
   std::atomic<int> aborted_{0};
   std::atomic<int> stop_{0};

@@ -6,6 +6,7 @@
 #include "socket/SocketCtrl.h"
 #include "sockbuf/MWPacer.h"
 #include "sockbuf/detail/MWPacketFifo.h"
+#include "sockbuf/detail/MWRecentSends.h"
 #include "thread/Semaphore.h"
 
 #include <cstring>
@@ -124,6 +125,7 @@ int SockMWBuffs::SendPkt(void const *pkt, unsigned len) {
   }
   bool ok = SendToSink(static_cast<char const *>(pkt), len);
   SemGuard g(*lock_);
+  recent_->Add(shared::platform::TickCount(), len);
   ok ? ++sent_ : ++sendErrors_;
   return ok ? 1 : 0;
 }

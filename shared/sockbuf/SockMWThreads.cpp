@@ -7,6 +7,7 @@
 #include "socket/SocketCtrl.h"
 #include "sockbuf/MWPacer.h"
 #include "sockbuf/detail/MWPacketFifo.h"
+#include "sockbuf/detail/MWRecentSends.h"
 #include "thread/Semaphore.h"
 #include "thread/Thread.h"
 
@@ -21,6 +22,10 @@ namespace {
 // Longest sleep of the writer with nothing to send: write wakes it anyway,
 // this only bounds how long a lost wake-up could cost.
 constexpr unsigned kIdleWaitMs = 500;
+// While the send queue holds bytes for the connection the pacing advises a
+// whole window; the queue drains as soon as the socket takes bytes, so the
+// writer looks again soon rather than give up that much sending time.
+constexpr unsigned kQueuePollMs = 5;
 }  // namespace
 
 bool SockMWBuffs::Stopping() const {
@@ -123,8 +128,9 @@ int SockMWBuffs::PingThread(IThread *t, void *arg) {
 }
 
 // Takes the next packet (audio first) when the pacing lets it go, sends it
-// outside the main lock, and otherwise sleeps on the wake signal for the
-// advised time, never past the next slot boundary (where slots expire).
+// outside the main lock, and otherwise sleeps on the wake signal (which write
+// releases) until the tick it may go. Every decision is taken afresh at the
+// tick count of the moment, so a late wake-up never shifts what follows.
 void SockMWBuffs::WriteLoop() {
   while (!Stopping()) {
     unsigned waitMs = kIdleWaitMs;
@@ -135,26 +141,41 @@ void SockMWBuffs::WriteLoop() {
       MWPacketFifo *from = audio_ && !audio_->Empty() ? audio_.get() : main_.get();
       if (!from->Empty()) {
         unsigned long const now = sp::TickCount();
-        unsigned advice = 0;
-        if (queueFull) {
-          advice = static_cast<unsigned>(pacer_->WindowMs());
-        } else if (pacer_->CanSendPkt(from->FrontSize(), now, &advice)) {
+        unsigned const len = from->FrontSize();
+        waitMs = queueFull ? kQueuePollMs : shared::detail::MWWriterWaitMs(*pacer_, *recent_, len, now);
+        if (waitMs == 0) {
           pkt = from->Pop();
-          pacer_->Count(static_cast<unsigned>(pkt.size()), now);
-        }
-        if (pkt.empty()) {
-          unsigned long slot = pacer_->SlotMs();
-          unsigned toBoundary = slot ? static_cast<unsigned>(slot - now % slot) : advice;
-          waitMs = std::max(1u, std::min(advice, toBoundary));
+          pacer_->Count(len, now);
         }
       }
     }
     if (!pkt.empty()) {
+      // Looked at again just before the send: a writer preempted since its
+      // decision would otherwise let the packet out late, next to the ones
+      // the span already holds.
+      HoldForRecentSends();
       bool ok = SendToSink(pkt.data(), static_cast<unsigned>(pkt.size()));
       SemGuard g(*lock_);
+      // Stamped once the send is done, so the span it counts in is never
+      // shorter than the real one.
+      recent_->Add(sp::TickCount(), static_cast<unsigned>(pkt.size()));
       ok ? ++sent_ : ++sendErrors_;
       continue;
     }
+    wake_->SetTimeout(waitMs);
+    wake_->Wait(1);
+  }
+}
+
+void SockMWBuffs::HoldForRecentSends() {
+  for (;;) {
+    unsigned waitMs;
+    {
+      SemGuard g(*lock_);
+      waitMs = recent_->WaitMs(sp::TickCount());
+    }
+    if (waitMs == 0 || Stopping())
+      return;
     wake_->SetTimeout(waitMs);
     wake_->Wait(1);
   }
@@ -167,7 +188,7 @@ void SockMWBuffs::DefragLoop() {
     if (!frag_->GetData(buf.data(), static_cast<unsigned>(buf.size()), &n))
       continue;
     SemGuard g(*lock_);
-    main_->Push(buf.data(), n);
+    PushFragment(buf.data(), n);
     Wake();
   }
 }
