@@ -5,11 +5,13 @@
 #include <numeric>
 
 namespace {
-// How late a packet may leave and still keep its due time: the millisecond
-// tick plus the writer's usual wake-up lateness on a busy machine. Later
-// than that the time is given up rather than made up in a burst; so no
-// 100 ms carries more than its share plus this much.
-constexpr unsigned long long kLateUs = 4000;
+// How late a packet may leave and still keep its due time: at least the
+// millisecond tick plus a usual wake-up's lateness, and up to one slot, so a
+// writer kept from the CPU on a busy machine makes its time up instead of
+// losing rate. Later than that the time is given up. The catch-up is no
+// burst: the window total bounds each window, and the writer lets no more
+// than a slot's budget plus one packet out in any slot-long span.
+constexpr unsigned long long kMinLateUs = 4000;
 }  // namespace
 
 MWPacer::MWPacer(unsigned slots, unsigned long windowMs, bool perMsPacing)
@@ -147,8 +149,9 @@ void MWPacer::Count(unsigned len, unsigned long nowMs) {
   slotLimit_ = true;
   // The next packet is measured from when this one was due. Never from later
   // than now (a packet let through by a restart runs no debt), and never from
-  // more than kLateUs before now, so a stall is not made up in a burst.
+  // more than a slot before now, so a long stall is not made up.
   unsigned long long const nowUs = static_cast<unsigned long long>(nowMs) * 1000u;
+  unsigned long long const lateUs = std::max(kMinLateUs, static_cast<unsigned long long>(slotMs_) * 1000u);
   unsigned long long const due = dueUs_ + PktUs(len);
-  dueUs_ = std::clamp(due, nowUs >= kLateUs ? nowUs - kLateUs : 0ull, nowUs);
+  dueUs_ = std::clamp(due, nowUs >= lateUs ? nowUs - lateUs : 0ull, nowUs);
 }

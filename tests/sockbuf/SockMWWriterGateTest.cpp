@@ -116,21 +116,20 @@ TEST(SockMWWriterGate, SlightlyLateWakeUpsKeepTheRateAndTheSlotLimit) {
   }
 }
 
-// A 40 ms stall every second: the time is given up, not made up in a burst
+// A 40 ms stall now and then: the time is made up, but never in a burst
 // that would overfill a slot.
-TEST(SockMWWriterGate, StallsAreNotMadeUpInABurst) {
+TEST(SockMWWriterGate, StallsAreMadeUpWithinTheSlotLimit) {
   for (Case c : kCases) {
     SCOPED_TRACE(::testing::Message() << c.kbps << " kbit/s, " << c.len << " B");
     unsigned stalls = 0;
     SimResult run = Simulate(c.kbps, true, c.len, [&](unsigned wake) {
-      // About once a second: a wake-up sends a packet or two.
       unsigned const every = std::max(50u, c.kbps * 128 / c.len);
       return wake % every == every - 1 ? (++stalls, 40u) : 0u;
     });
     unsigned const slot = c.kbps * 1024 / 8 / 10;
     EXPECT_LE(run.worst100, slot + c.len);
-    EXPECT_GT(stalls, 10u);
-    EXPECT_GT(run.rate, Ceiling(c) * 0.9);
+    EXPECT_GE(stalls, 3u);
+    EXPECT_GT(run.rate, Ceiling(c) * 0.985);
   }
 }
 
