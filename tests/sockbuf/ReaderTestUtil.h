@@ -73,8 +73,12 @@ class Notifier : public ISockBuffNotify {
   };
   virtual ~Notifier() = default;
   int NewMediaId(unsigned mediaId, unsigned char, unsigned char) override {
-    std::lock_guard<std::mutex> l(mutex_);
-    asked.push_back(mediaId);
+    {
+      std::lock_guard<std::mutex> l(mutex_);
+      asked.push_back(mediaId);
+    }
+    // Unlocked: onNew calls back into the reader, whose lock PktRead holds
+    // while it takes ours.
     return onNew ? onNew(mediaId) : 0;
   }
   void PktRead(unsigned long cookie, unsigned mediaId, double percent, unsigned flags) override {

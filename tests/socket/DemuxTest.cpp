@@ -266,17 +266,7 @@ TEST_P(DemuxTest, DescriptorsAboveTheFdSetLimitWork) {
   EXPECT_EQ(accepted, IsSelect() ? 2048 - kPairs : kPairs);
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, DemuxTest,
-                         ::testing::Values(static_cast<unsigned char>(kSewModeSelect),
-                                           static_cast<unsigned char>(kSewModePoll),
-                                           static_cast<unsigned char>(kSewModeLinux)),
-                         [](::testing::TestParamInfo<unsigned char> const &param) {
-                           switch (param.param) {
-                             case kSewModeSelect: return std::string("Select");
-                             case kSewModePoll: return std::string("Poll");
-                             default: return std::string("EPoll");
-                           }
-                         });
+INSTANTIATE_TEST_SUITE_P(Backends, DemuxTest, kWorkingBackends, BackendName);
 
 // --- select specifics ---------------------------------------------------------
 

@@ -10,11 +10,26 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
+#include <string>
 
 namespace demux_test {
 
 constexpr unsigned int kNone = 0xFFFFFFFFu;
+
+// The backends that work here, as test parameters, and their test names.
+inline auto const kWorkingBackends =
+    ::testing::Values(static_cast<unsigned char>(kSewModeSelect), static_cast<unsigned char>(kSewModePoll),
+                      static_cast<unsigned char>(kSewModeLinux));
+inline std::string BackendName(::testing::TestParamInfo<unsigned char> const &param) {
+  switch (param.param) {
+    case kSewModeSelect: return "Select";
+    case kSewModePoll: return "Poll";
+    default: return "EPoll";
+  }
+}
 
 // A connected, non-blocking stream pair: a is watched, b is the peer.
 struct Pair {

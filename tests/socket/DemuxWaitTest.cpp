@@ -71,16 +71,6 @@ TEST_P(DemuxWaitTest, SocketClosedDuringAWaitLeavesItsNumberToTheNextOwner) {
   EXPECT_EQ(reuse.sock(), number) << "the new socket did not take the closed number; the case was not exercised";
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, DemuxWaitTest,
-                         ::testing::Values(static_cast<unsigned char>(kSewModeSelect),
-                                           static_cast<unsigned char>(kSewModePoll),
-                                           static_cast<unsigned char>(kSewModeLinux)),
-                         [](::testing::TestParamInfo<unsigned char> const &param) {
-                           switch (param.param) {
-                             case kSewModeSelect: return std::string("Select");
-                             case kSewModePoll: return std::string("Poll");
-                             default: return std::string("EPoll");
-                           }
-                         });
+INSTANTIATE_TEST_SUITE_P(Backends, DemuxWaitTest, kWorkingBackends, BackendName);
 
 }  // namespace
