@@ -13,10 +13,11 @@ public:
     using namespace std::chrono;
     return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
   }
-  std::uint32_t TickCount() override {
+  std::uint32_t TickCount() override { return static_cast<std::uint32_t>(TickMicros() / 1000); }
+  std::uint64_t TickMicros() override {
     using namespace std::chrono;
-    auto ms = duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-    return static_cast<std::uint32_t>(static_cast<std::uint64_t>(ms));
+    auto us = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    return static_cast<std::uint64_t>(us);
   }
   void SleepMs(std::uint32_t ms) override {
     if (ms == 0)
@@ -24,9 +25,18 @@ public:
     else
       std::this_thread::sleep_for(std::chrono::milliseconds(ms));
   }
+  void SleepMicros(std::uint32_t us) override {
+    if (us == 0)
+      std::this_thread::yield();
+    else
+      std::this_thread::sleep_for(std::chrono::microseconds(us));
+  }
 };
 
 SystemClock g_systemClock;
+// Far enough from 0 that SetTick can move the microseconds back by any
+// 32-bit distance of milliseconds without running below zero.
+constexpr std::uint64_t kMicrosStart = 4'000'000'000'000;  // a whole ms
 std::atomic<ClockSource *> g_clock{&g_systemClock};
 
 }  // namespace
@@ -35,14 +45,17 @@ ClockSource::~ClockSource() = default;
 
 std::int64_t NowSeconds() { return g_clock.load(std::memory_order_acquire)->NowSeconds(); }
 std::uint32_t TickCount() { return g_clock.load(std::memory_order_acquire)->TickCount(); }
+std::uint64_t TickMicros() { return g_clock.load(std::memory_order_acquire)->TickMicros(); }
 void SleepMs(std::uint32_t ms) { g_clock.load(std::memory_order_acquire)->SleepMs(ms); }
+void SleepMicros(std::uint32_t us) { g_clock.load(std::memory_order_acquire)->SleepMicros(us); }
 
 void SetClockSource(ClockSource *source) {
   g_clock.store(source ? source : &g_systemClock, std::memory_order_release);
 }
 
 ManualClock::ManualClock(std::int64_t seconds, std::uint32_t tick, bool sleepAdvances)
-    : seconds_(seconds), tick_(tick), subSecondMs_(0), sleepAdvances_(sleepAdvances) {}
+    : seconds_(seconds), tick_(tick), subSecondMs_(0), micros_(kMicrosStart),
+      tickOffset_(tick - static_cast<std::uint32_t>(kMicrosStart / 1000)), sleepAdvances_(sleepAdvances) {}
 
 std::int64_t ManualClock::NowSeconds() {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -54,6 +67,11 @@ std::uint32_t ManualClock::TickCount() {
   return tick_;
 }
 
+std::uint64_t ManualClock::TickMicros() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return micros_;
+}
+
 void ManualClock::SleepMs(std::uint32_t ms) {
   if (sleepAdvances_)
     Advance(ms);
@@ -61,12 +79,25 @@ void ManualClock::SleepMs(std::uint32_t ms) {
   std::this_thread::yield();
 }
 
+void ManualClock::SleepMicros(std::uint32_t us) {
+  if (sleepAdvances_)
+    AdvanceMicros(us);
+  std::this_thread::yield();
+}
+
 void ManualClock::Advance(std::uint32_t ms) {
   std::lock_guard<std::mutex> lock(mutex_);
   tick_ += ms;  // wraps at 2^32 like the real tick count
+  micros_ += std::uint64_t{ms} * 1000;
   std::uint64_t total = std::uint64_t{subSecondMs_} + ms;
   seconds_ += static_cast<std::int64_t>(total / 1000);
   subSecondMs_ = static_cast<std::uint32_t>(total % 1000);
+}
+
+void ManualClock::AdvanceMicros(std::uint64_t us) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  micros_ += us;
+  tick_ = static_cast<std::uint32_t>(micros_ / 1000) + tickOffset_;
 }
 
 void ManualClock::SetSeconds(std::int64_t seconds) {
@@ -77,7 +108,10 @@ void ManualClock::SetSeconds(std::int64_t seconds) {
 
 void ManualClock::SetTick(std::uint32_t tick) {
   std::lock_guard<std::mutex> lock(mutex_);
+  auto const by = static_cast<std::int32_t>(tick - tick_);
+  micros_ += static_cast<std::uint64_t>(static_cast<std::int64_t>(by) * 1000);
   tick_ = tick;
+  tickOffset_ = tick_ - static_cast<std::uint32_t>(micros_ / 1000);
 }
 
 }  // namespace shared::platform

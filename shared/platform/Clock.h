@@ -4,7 +4,9 @@
 //   - calendar time in whole seconds since 1970 (Win32's `_time64`),
 //     for rate limits, logs and idle checks counted in seconds;
 //   - a 32-bit millisecond tick count (Win32's `GetTickCount`), which is
-//     monotonic and wraps at 2^32, for time-outs and pacing.
+//     monotonic and wraps at 2^32, for time-outs and pacing; the same clock
+//     in microseconds (64-bit, never wraps) where whole milliseconds are too
+//     coarse (the multi-writer's limit on what one slot lets out).
 // Timed sleeps the library performs also go through here (SleepMs), so a test
 // can install a ClockSource that decides what "sleeping" means.
 //
@@ -28,15 +30,21 @@ public:
   virtual ~ClockSource();
   virtual std::int64_t NowSeconds() = 0;
   virtual std::uint32_t TickCount() = 0;
+  virtual std::uint64_t TickMicros() = 0;
   virtual void SleepMs(std::uint32_t ms) = 0;
+  virtual void SleepMicros(std::uint32_t us) = 0;
 };
 
 // Calendar seconds since 1970-01-01 UTC.
 SHAREDLIB_API std::int64_t NowSeconds();
 // Milliseconds on a monotonic clock, wrapping at 2^32.
 SHAREDLIB_API std::uint32_t TickCount();
+// Microseconds on the same clock; TickCount is this / 1000, wrapped.
+SHAREDLIB_API std::uint64_t TickMicros();
 // Blocks the calling thread for about ms milliseconds (0 yields).
 SHAREDLIB_API void SleepMs(std::uint32_t ms);
+// The same for a short wait that whole milliseconds would round badly.
+SHAREDLIB_API void SleepMicros(std::uint32_t us);
 // Breaks seconds into local calendar fields; false when out of range.
 SHAREDLIB_API bool LocalTime(std::int64_t seconds, std::tm *out);
 
@@ -45,7 +53,7 @@ SHAREDLIB_API bool LocalTime(std::int64_t seconds, std::tm *out);
 SHAREDLIB_API void SetClockSource(ClockSource *source);
 
 // A hand-driven clock for tests. Time moves only through Advance/Set or, when
-// sleepAdvances is true, by the amount every SleepMs asks for (so a thread
+// sleepAdvances is true, by the amount every SleepMs or SleepMicros asks for (so a thread
 // looping on timed sleeps makes progress without real waiting).
 class SHAREDLIB_API ManualClock : public ClockSource {
 public:
@@ -53,12 +61,18 @@ public:
                        bool sleepAdvances = true);
   std::int64_t NowSeconds() override;
   std::uint32_t TickCount() override;
+  std::uint64_t TickMicros() override;
   void SleepMs(std::uint32_t ms) override;
+  void SleepMicros(std::uint32_t us) override;
 
   // Moves both clocks forward by ms milliseconds (calendar seconds follow
   // whole seconds of accumulated milliseconds).
   void Advance(std::uint32_t ms);
+  // Moves the monotonic clock forward by us microseconds; the tick count
+  // follows whole milliseconds, the calendar is left alone.
+  void AdvanceMicros(std::uint64_t us);
   void SetSeconds(std::int64_t seconds);
+  // Sets the tick count; the microseconds move by the same signed distance.
   void SetTick(std::uint32_t tick);
 
 private:
@@ -66,6 +80,8 @@ private:
   std::int64_t seconds_;        // guarded by mutex_
   std::uint32_t tick_;          // guarded by mutex_
   std::uint32_t subSecondMs_;   // guarded by mutex_: ms not yet carried into seconds_
+  std::uint64_t micros_;        // guarded by mutex_: tick_ is micros_ / 1000 plus tickOffset_
+  std::uint32_t tickOffset_;    // guarded by mutex_
   bool const sleepAdvances_;
 };
 

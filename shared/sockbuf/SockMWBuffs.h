@@ -217,6 +217,7 @@ private:
   // The writer, holding a packet: sleeps while the last slot's sends keep
   // it back.
   void HoldForRecentSends();
+  void Nap(std::uint64_t us);
   // After a rate or window change: the recent-sends limit follows the slot
   // (lock_ held).
   void FollowSlot();

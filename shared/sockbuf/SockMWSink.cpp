@@ -125,7 +125,7 @@ int SockMWBuffs::SendPkt(void const *pkt, unsigned len) {
   }
   bool ok = SendToSink(static_cast<char const *>(pkt), len);
   SemGuard g(*lock_);
-  recent_->Add(shared::platform::TickCount(), len);
+  recent_->Add(shared::platform::TickMicros(), len);
   ok ? ++sent_ : ++sendErrors_;
   return ok ? 1 : 0;
 }

@@ -133,7 +133,7 @@ int SockMWBuffs::PingThread(IThread *t, void *arg) {
 // tick count of the moment, so a late wake-up never shifts what follows.
 void SockMWBuffs::WriteLoop() {
   while (!Stopping()) {
-    unsigned waitMs = kIdleWaitMs;
+    std::uint64_t waitUs = std::uint64_t{kIdleWaitMs} * 1000;
     std::vector<char> pkt;
     if (!idle_.load(std::memory_order_acquire) && IsOpened()) {
       bool const queueFull = ctrl_ && ctrl_->isSockSndBufFull(SocketCtrl::kNoSocket);
@@ -142,8 +142,9 @@ void SockMWBuffs::WriteLoop() {
       if (!from->Empty()) {
         unsigned long const now = sp::TickCount();
         unsigned const len = from->FrontSize();
-        waitMs = queueFull ? kQueuePollMs : shared::detail::MWWriterWaitMs(*pacer_, *recent_, len, now);
-        if (waitMs == 0) {
+        waitUs = queueFull ? std::uint64_t{kQueuePollMs} * 1000
+                           : shared::detail::MWWriterWaitUs(*pacer_, *recent_, len, now, sp::TickMicros());
+        if (waitUs == 0) {
           pkt = from->Pop();
           pacer_->Count(len, now);
         }
@@ -158,26 +159,36 @@ void SockMWBuffs::WriteLoop() {
       SemGuard g(*lock_);
       // Stamped once the send is done, so the span it counts in is never
       // shorter than the real one.
-      recent_->Add(sp::TickCount(), static_cast<unsigned>(pkt.size()));
+      recent_->Add(sp::TickMicros(), static_cast<unsigned>(pkt.size()));
       ok ? ++sent_ : ++sendErrors_;
       continue;
     }
-    wake_->SetTimeout(waitMs);
+    Nap(waitUs);
+  }
+}
+
+// Whole milliseconds on the wake signal (write and Stop end them early);
+// a rest under a millisecond, which only the recent sends ask for, as a
+// plain short sleep: the next decision comes at once after either.
+void SockMWBuffs::Nap(std::uint64_t us) {
+  if (us >= 1000) {
+    wake_->SetTimeout(static_cast<unsigned long>(us / 1000));
     wake_->Wait(1);
+  } else {
+    sp::SleepMicros(static_cast<std::uint32_t>(us));
   }
 }
 
 void SockMWBuffs::HoldForRecentSends() {
   for (;;) {
-    unsigned waitMs;
+    std::uint64_t waitUs;
     {
       SemGuard g(*lock_);
-      waitMs = recent_->WaitMs(sp::TickCount());
+      waitUs = recent_->WaitUs(sp::TickMicros());
     }
-    if (waitMs == 0 || Stopping())
+    if (waitUs == 0 || Stopping())
       return;
-    wake_->SetTimeout(waitMs);
-    wake_->Wait(1);
+    Nap(waitUs);
   }
 }
 

@@ -29,6 +29,34 @@ TEST(Clock, ManualClockReplacesAndRestores) {
   EXPECT_GT(shared::platform::NowSeconds(), 1600000000);
 }
 
+// The microseconds and the tick count are one clock: whatever moves one
+// moves the other, across the tick's wrap and backwards, and the
+// microseconds never wrap.
+TEST(Clock, MicrosecondsFollowTheTickCount) {
+  std::uint64_t const sys = shared::platform::TickMicros();
+  std::uint32_t const tick = shared::platform::TickCount();
+  EXPECT_LT(tick - static_cast<std::uint32_t>(sys / 1000), 1000u);  // read later, never earlier
+
+  ManualClock clock(86400, 0xFFFFFFF0u);
+  ScopedClockSource use(clock);
+  std::uint64_t const t0 = shared::platform::TickMicros();
+  clock.AdvanceMicros(15'999);  // 15.999 ms: 15 whole ticks
+  EXPECT_EQ(0xFFFFFFFFu, shared::platform::TickCount());
+  clock.AdvanceMicros(1);
+  EXPECT_EQ(0u, shared::platform::TickCount());  // wrapped
+  EXPECT_EQ(86400, shared::platform::NowSeconds());
+  clock.Advance(20);
+  EXPECT_EQ(20u, shared::platform::TickCount());
+  EXPECT_EQ(t0 + 36'000, shared::platform::TickMicros());
+  clock.SetTick(0xFFFFFFF0u);  // 36 ms back, across the wrap
+  EXPECT_EQ(t0, shared::platform::TickMicros());
+  shared::platform::SleepMicros(500);  // advances instead of waiting
+  EXPECT_EQ(0xFFFFFFF0u, shared::platform::TickCount());
+  EXPECT_EQ(t0 + 500, shared::platform::TickMicros());
+  shared::platform::SleepMicros(500);
+  EXPECT_EQ(0xFFFFFFF1u, shared::platform::TickCount());
+}
+
 TEST(Clock, LocalTimeBreaksDownSeconds) {
   std::tm fields{};
   ASSERT_TRUE(shared::platform::LocalTime(0, &fields));

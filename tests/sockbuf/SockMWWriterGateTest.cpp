@@ -7,41 +7,37 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <vector>
 
 namespace {
 
 using shared::detail::MWRecentSends;
-using shared::detail::MWWriterWaitMs;
+using shared::detail::MWWriterWaitUs;
 
+// Times in microseconds: a send counts for exactly the span after its stamp.
 TEST(SockMWRecentSends, HoldsTheLastSpanToItsBudget) {
   MWRecentSends r;
   r.SetLimit(100, 5465);
-  for (unsigned long t : {1000ul, 1010ul, 1020ul})
+  for (std::uint64_t t : {1'000'000u, 1'010'000u, 1'020'000u})
     r.Add(t, 1400);
-  EXPECT_EQ(0u, r.WaitMs(1030));  // 4,200 held: one more may go
-  r.Add(1030, 1400);
-  // 5,600 held: the send of 1000 must leave the span. Ticks are whole ms, so
-  // it counts up to 100 ms after its tick, and leaves at 1101.
-  EXPECT_EQ(71u, r.WaitMs(1030));
-  EXPECT_EQ(1u, r.WaitMs(1100));
-  EXPECT_EQ(0u, r.WaitMs(1101));
+  EXPECT_EQ(0u, r.WaitUs(1'030'000));  // 4,200 held: one more may go
+  r.Add(1'030'000, 1400);
+  // 5,600 held: the send of 1,000,000 must leave the span, at 1,100,000.
+  EXPECT_EQ(70'000u, r.WaitUs(1'030'000));
+  EXPECT_EQ(1u, r.WaitUs(1'099'999));
+  EXPECT_EQ(0u, r.WaitUs(1'100'000));
   EXPECT_EQ(4200u, r.Bytes());
   // A large packet: all but the newest send must leave first.
-  r.Add(1101, 5000);
-  EXPECT_EQ(30u, r.WaitMs(1101));  // 1030 leaves at 1131: 5,000 left
+  r.Add(1'100'000, 5000);
+  EXPECT_EQ(30'000u, r.WaitUs(1'100'000));  // 1,030,000 leaves at 1,130,000: 5,000 left
   // The clock went back: what was recorded no longer counts.
-  EXPECT_EQ(0u, r.WaitMs(900));
-  // Across the wrap of the 32-bit tick count.
-  r.Clear();
-  r.Add(0xFFFFFFF0ul, 6000);
-  EXPECT_EQ(91u, r.WaitMs(0xFFFFFFFAul));
-  EXPECT_EQ(1u, r.WaitMs(0x54ul));
-  EXPECT_EQ(0u, r.WaitMs(0x55ul));
+  EXPECT_EQ(0u, r.WaitUs(900'000));
+  EXPECT_EQ(0u, r.Bytes());
   // No limit without a rate.
   r.SetLimit(100, 0);
-  r.Add(0x60, 100000);
-  EXPECT_EQ(0u, r.WaitMs(0x60));
+  r.Add(2'000'000, 100000);
+  EXPECT_EQ(0u, r.WaitUs(2'000'000));
 }
 
 struct SimResult {
@@ -51,36 +47,36 @@ struct SimResult {
 
 // A writer with a permanent backlog of len-byte packets for 20 s: it asks
 // the gate, sends what may go, and otherwise sleeps the advised time plus
-// lateFor(wake number) ms of lateness.
+// lateFor(wake number) ms of lateness. Time runs in microseconds.
 template <class Late>
 SimResult Simulate(unsigned kbps, bool perMs, unsigned len, Late lateFor) {
   MWPacer p(10, 1000, perMs);
   p.SetRate(kbps);
   MWRecentSends recent;
   recent.SetLimit(p.SlotMs(), p.SlotBytes());
-  unsigned long const t0 = 100000, span = 20000;
-  std::vector<unsigned long long> perMsBytes(span, 0);
+  std::uint64_t const t0 = 100'000'000, span = 20'000'000;
+  std::vector<std::uint64_t> sends;  // the time of each send
   unsigned wakes = 0;
-  for (unsigned long t = t0; t < t0 + span;) {
-    unsigned const wait = MWWriterWaitMs(p, recent, len, t);
+  for (std::uint64_t t = t0; t < t0 + span;) {
+    unsigned long const ms = static_cast<unsigned long>(t / 1000);
+    std::uint64_t const wait = MWWriterWaitUs(p, recent, len, ms, t);
     if (wait == 0) {
-      p.Count(len, t);
+      p.Count(len, ms);
       recent.Add(t, len);
-      perMsBytes[t - t0] += len;
+      sends.push_back(t);
       continue;
     }
-    t += wait + lateFor(wakes++);
+    t += wait + std::uint64_t{lateFor(wakes++)} * 1000;
   }
   SimResult run;
-  unsigned long long total = 0, sum100 = 0;
-  for (unsigned long i = 0; i < span; ++i) {
-    total += perMsBytes[i];
-    sum100 += perMsBytes[i];
-    if (i >= 100)
-      sum100 -= perMsBytes[i - 100];
-    run.worst100 = std::max(run.worst100, sum100);
+  // The most in any 100 ms: the sends from each one to 100 ms later.
+  std::size_t first = 0;
+  for (std::size_t i = 0; i < sends.size(); ++i) {
+    while (sends[i] - sends[first] >= 100'000)
+      ++first;
+    run.worst100 = std::max<unsigned long long>(run.worst100, (i - first + 1) * std::uint64_t{len});
   }
-  run.rate = static_cast<double>(total) / (span / 1000.0);
+  run.rate = static_cast<double>(sends.size()) * len / (span / 1e6);
   return run;
 }
 
@@ -106,11 +102,9 @@ TEST(SockMWWriterGate, SlightlyLateWakeUpsKeepTheRateAndTheSlotLimit) {
       unsigned const slot = c.kbps * 1024 / 8 / 10;
       EXPECT_LE(run.worst100, slot + c.len);
       if (perMs) {
-        // At 1.5 packets per ms the limit, held over 101 ticks, leaves 0.2
-        // of a packet in 150 to spare: it costs up to 0.8% there, and the
-        // lateness adds to that.
-        double const slack = c.kbps * 128 / c.len > 1000 ? 0.015 : 0.01;
-        EXPECT_NEAR(run.rate, Ceiling(c), Ceiling(c) * slack);
+        // Within 0.5%: a limit that held each send a tick longer than the
+        // span cost 0.8% at 1.5 packets per ms.
+        EXPECT_NEAR(run.rate, Ceiling(c), Ceiling(c) * 0.005);
       }
     }
   }

@@ -11,12 +11,12 @@
 //   sends_: (tick, bytes) oldest first ... newest     bytes_ = their sum
 //           <---------------- span ---------------->| now
 //
-// Times are the tick count, taken after each send completed, so a span of
-// sends never looks shorter than it was. Ticks are whole milliseconds: a
-// send stamped n - span may have left less than span ms before one decided
-// at tick n, so it still counts then (span + 1 ticks are held). Differences are 32-bit, so the wrap
-// of the tick count is harmless; a tick older than the span or in the future
-// (the clock went back) no longer counts.
+// Times are microseconds of the monotonic clock (TickMicros), taken after
+// each send completed, so a span of sends never looks shorter than it was. A
+// send counts while it is younger than the span: whole-millisecond ticks
+// would have to hold it for span + 1 ticks to be safe, which caps a writer
+// that is always ready at span / (span + 1) of its rate (1% at 100 ms). A
+// time in the future (the clock went back) no longer counts.
 //
 // No lock: SockMWBuffs serialises every call under its main lock.
 #pragma once
@@ -34,15 +34,15 @@ class MWRecentSends {
 public:
   // spanMs 0 or budget 0: no limit. Forgets nothing already recorded.
   void SetLimit(unsigned long spanMs, unsigned budget) {
-    span_ = static_cast<std::uint32_t>(spanMs);
+    spanUs_ = std::uint64_t{spanMs} * 1000;
     budget_ = budget;
   }
 
-  // 0 when a packet may go at nowMs, else the ms until it may.
-  unsigned WaitMs(unsigned long nowMs) {
-    if (span_ == 0 || budget_ == 0)
+  // 0 when a packet may go at nowUs, else the microseconds until it may.
+  std::uint64_t WaitUs(std::uint64_t nowUs) {
+    if (spanUs_ == 0 || budget_ == 0)
       return 0;
-    Expire(nowMs);
+    Expire(nowUs);
     if (bytes_ <= budget_)
       return 0;
     // The oldest sends leave the span one by one; the one whose leaving
@@ -51,16 +51,16 @@ public:
     for (auto const &s : sends_) {
       rest -= s.second;
       if (rest <= budget_)
-        return span_ + 1 - Age(s.first, nowMs);
+        return s.first + spanUs_ - nowUs;
     }
-    return span_;  // not reached: rest ends at 0
+    return spanUs_;  // not reached: rest ends at 0
   }
 
-  void Add(unsigned long nowMs, unsigned len) {
-    if (span_ == 0 || budget_ == 0 || len == 0)
+  void Add(std::uint64_t nowUs, unsigned len) {
+    if (spanUs_ == 0 || budget_ == 0 || len == 0)
       return;
-    Expire(nowMs);
-    sends_.emplace_back(static_cast<std::uint32_t>(nowMs), len);
+    Expire(nowUs);
+    sends_.emplace_back(nowUs, len);
     bytes_ += len;
   }
 
@@ -72,33 +72,39 @@ public:
   unsigned long long Bytes() const { return bytes_; }
 
 private:
-  static std::uint32_t Age(std::uint32_t t, unsigned long nowMs) { return static_cast<std::uint32_t>(nowMs) - t; }
-
-  void Expire(unsigned long nowMs) {
-    while (!sends_.empty() && Age(sends_.front().first, nowMs) > span_) {
+  void Expire(std::uint64_t nowUs) {
+    if (!sends_.empty() && sends_.back().first > nowUs)
+      Clear();  // the clock went back
+    while (!sends_.empty() && nowUs - sends_.front().first >= spanUs_) {
       bytes_ -= sends_.front().second;
       sends_.pop_front();
     }
   }
 
-  std::deque<std::pair<std::uint32_t, unsigned>> sends_;
+  std::deque<std::pair<std::uint64_t, unsigned>> sends_;
   unsigned long long bytes_ = 0;
-  std::uint32_t span_ = 0;
+  std::uint64_t spanUs_ = 0;
   unsigned budget_ = 0;
 };
 
-// The writer's decision for a packet of len bytes at nowMs: 0 when it may go
-// now (the caller then counts it in the pacer, and in recent once sent), else
-// the ms to sleep before asking again.
-inline unsigned MWWriterWaitMs(MWPacer &pacer, MWRecentSends &recent, unsigned len, unsigned long nowMs) {
+// The writer's decision for a packet of len bytes at nowMs (the tick count)
+// and nowUs (the same moment in microseconds): 0 when it may go now (the
+// caller then counts it in the pacer, and in recent once sent), else the
+// microseconds to sleep before asking again. The pacing decides in whole
+// ticks, so its waits are whole milliseconds (at least one); the recent
+// sends' wait is exact: rounded up to a tick, every wait for the span to
+// move would be lost for good at a rate the slot limit leaves no room to
+// make up.
+inline std::uint64_t MWWriterWaitUs(MWPacer &pacer, MWRecentSends &recent, unsigned len, unsigned long nowMs,
+                                    std::uint64_t nowUs) {
   unsigned advice = 0;
   if (pacer.CanSendPkt(len, nowMs, &advice)) {
-    // The pacing lets it go; the last slot's sends may still hold it back,
-    // so a late writer does not let a run out together.
-    advice = recent.WaitMs(nowMs);
-    if (advice == 0)
-      return 0;
-  } else if (unsigned long const due = pacer.DueMs(len); due > nowMs) {
+    // The pacing lets it go; the last slot's sends may still hold it back
+    // (never longer than the span), so a late writer does not let a run out
+    // together.
+    return recent.WaitUs(nowUs);
+  }
+  if (unsigned long const due = pacer.DueMs(len); due > nowMs) {
     // The exact tick the per-millisecond rule passes: the advice, in whole
     // rounded-up bytes per ms, runs early and would cost idle wake-ups.
     advice = std::max(advice, static_cast<unsigned>(due - nowMs));
@@ -106,7 +112,7 @@ inline unsigned MWWriterWaitMs(MWPacer &pacer, MWRecentSends &recent, unsigned l
   // Never past the next slot boundary, where slots expire.
   unsigned long const slot = pacer.SlotMs();
   unsigned const toBoundary = slot ? static_cast<unsigned>(slot - nowMs % slot) : advice;
-  return std::max(1u, std::min(advice, toBoundary));
+  return std::uint64_t{std::max(1u, std::min(advice, toBoundary))} * 1000;
 }
 
 }  // namespace shared::detail
