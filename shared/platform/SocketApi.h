@@ -68,13 +68,22 @@ struct SockPiece {
   void const *data;
   unsigned len;
 };
-// sendmsg() of count pieces (count is cut to 64), in calls of at most chunk
+constexpr unsigned kMaxSendPieces = 64;
+// sendmsg() of count pieces (count is cut to kMaxSendPieces), in calls of at most chunk
 // bytes while each call takes all it is given; the bytes sent, -1 when the
 // first call fails.
 int SockSendPieces(SOCKET s, SockPiece const *pieces, unsigned count, bool dontWait,
                    unsigned chunk = 0xFFFFFFFFu);
 // The bytes the socket's send buffer holds for data (0 when unknown).
 unsigned SockSendBufferBytes(SOCKET s);
+// For a sender that found no room and will wait for some: sends what the
+// stream socket holds back for coalescing (a short segment behind another
+// unacknowledged one), as a blocking send does before it sleeps. Otherwise
+// the peer, which holds its acknowledgement for a while when nothing more
+// comes, and the sender, which waits for that acknowledgement to free room,
+// stall each other until the peer's timer runs out (about 40 ms on Linux).
+// Leaves the socket's options and the last error as they were.
+void SockPushPending(SOCKET s);
 // True while s names an open descriptor (of any kind).
 bool SockIsOpen(SOCKET s);
 int SockSendTo(SOCKET s, void const *buf, unsigned len, sockaddr_in const *to);

@@ -42,7 +42,8 @@ public:
   // Gives back what a turn reserved and did not send, and counts what it did.
   virtual void SettleQueued(unsigned int sock, SendTerms const &terms, unsigned sent) = 0;
   // One send of count pieces that never waits: the bytes taken, 0 when none
-  // could be (a failure is the sink's to report).
+  // could be (a failure is the sink's to report). The queue gathers its
+  // bytes already: nothing it sends should be held back for bytes to come.
   virtual unsigned SendQueued(unsigned int sock, shared::platform::SockPiece const *pieces, unsigned count) = 0;
   // Everything queued for sock went out.
   virtual void QueueDrained(unsigned int sock) = 0;

@@ -423,6 +423,7 @@ private:
   int ReadReady(SOCKET s, char *buf, unsigned size, bool all, sockaddr_in *from, long ms, std::uint32_t start,
                 bool *ended);
   int WriteQueued(char const *buf, unsigned n, SOCKET s, int markError);
+  int SendInBufferSizedCalls(SOCKET s, shared::platform::SockPiece const *pieces, unsigned count, bool push);
   unsigned ReserveAllowance(SOCKET s, unsigned n, std::int64_t now);
   void SettleAllowance(SOCKET s, unsigned reserved, unsigned sent, std::int64_t now);
   void ForgetSendState(SOCKET s);

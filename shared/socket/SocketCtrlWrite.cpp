@@ -169,7 +169,9 @@ int SocketCtrl::WriteQueued(char const *buf, unsigned n, SOCKET s, int markError
   unsigned done = 0;
   int err = 0;
   if (allow > 0) {
-    int r = sp::SockSend(s, buf, allow, true);
+    // Cut to the send buffer, as the queue's sends are (SendQueued).
+    sp::SockPiece const piece{buf, allow};
+    int r = SendInBufferSizedCalls(s, &piece, 1, false);
     if (r > 0)
       done = static_cast<unsigned>(r);
     else
@@ -191,12 +193,29 @@ int SocketCtrl::WriteQueued(char const *buf, unsigned n, SOCKET s, int markError
 
 bool SocketCtrl::AcceptsQueued(unsigned int sock) { return CanSendData(sock) != 0; }
 
+// Calls of at most what the send buffer holds, never waiting: a send far
+// beyond it leaves a short last segment that waits for the peer's delayed
+// acknowledgement (tens of ms per turn with an 8 KiB buffer); sends sized to
+// the buffer keep it full. A send cut short means the caller will wait for
+// room: what the socket holds back goes first, as before a blocking send's
+// sleep, or the wait may last until the peer's acknowledgement timer.
+// The queue's sends (push) push every time: the queue gathers its bytes
+// already, and a segment held back to coalesce with the next stalled a
+// backed-up socket for 40 ms now and then (pushing only when a turn of the
+// queue ended left some of those stalls).
+int SocketCtrl::SendInBufferSizedCalls(SOCKET s, sp::SockPiece const *pieces, unsigned count, bool push) {
+  unsigned const room = sp::SockSendBufferBytes(s);
+  int const r = sp::SockSendPieces(s, pieces, count, true, room == 0 ? 0xFFFFFFFFu : room);
+  std::size_t asked = 0;
+  for (unsigned i = 0; i < count && i < sp::kMaxSendPieces; ++i)
+    asked += pieces[i].len;
+  if (push || r < 0 || static_cast<std::size_t>(r) < asked)
+    sp::SockPushPending(s);
+  return r;
+}
+
 unsigned SocketCtrl::SendQueued(unsigned int sock, sp::SockPiece const *pieces, unsigned count) {
-  // At most what the send buffer holds: a send far beyond it leaves a short
-  // last segment that waits for the peer's delayed acknowledgement (tens of
-  // ms per turn with an 8 KiB buffer); sends sized to the buffer keep it full.
-  unsigned const room = sp::SockSendBufferBytes(sock);
-  int r = sp::SockSendPieces(sock, pieces, count, true, room == 0 ? 0xFFFFFFFFu : room);
+  int r = SendInBufferSizedCalls(sock, pieces, count, true);
   if (r >= 0)
     return static_cast<unsigned>(r);
   if (!SocketWouldBlock(-1))

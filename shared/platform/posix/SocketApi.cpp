@@ -216,11 +216,10 @@ int SockSend(SOCKET s, void const *buf, unsigned len, bool dontWait) {
 int SockSendPieces(SOCKET s, SockPiece const *pieces, unsigned count, bool dontWait, unsigned chunk) {
   if (s == INVALID_SOCKET)
     return BadHandle();
-  constexpr unsigned kMaxPieces = 64;
-  count = count > kMaxPieces ? kMaxPieces : count;
+  count = count > kMaxSendPieces ? kMaxSendPieces : count;
   chunk = chunk == 0 ? 0xFFFFFFFFu : chunk;
   int const flags = kNoSignal | (dontWait ? MSG_DONTWAIT : 0);
-  iovec iov[kMaxPieces];
+  iovec iov[kMaxSendPieces];
   unsigned at = 0;      // the piece to go on from
   unsigned offset = 0;  // bytes of it already sent
   std::size_t total = 0;
@@ -274,6 +273,23 @@ unsigned SockSendBufferBytes(SOCKET s) {
   if (s == INVALID_SOCKET || ::getsockopt(Fd(s), SOL_SOCKET, SO_SNDBUF, &value, &len) != 0 || value <= 0)
     return 0;
   return static_cast<unsigned>(value) / 2;
+}
+
+// Turning TCP_NODELAY on sends the pending segments at once; it is turned
+// off again at once, so coalescing goes on as the owner set it. Sockets
+// without Nagle's rule, or not TCP, have nothing held back.
+void SockPushPending(SOCKET s) {
+  if (s == INVALID_SOCKET)
+    return;
+  int const saved = errno;
+  int noDelay = 0;
+  socklen_t len = sizeof noDelay;
+  if (::getsockopt(Fd(s), IPPROTO_TCP, TCP_NODELAY, &noDelay, &len) == 0 && noDelay == 0) {
+    int const on = 1;
+    if (::setsockopt(Fd(s), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0)
+      ::setsockopt(Fd(s), IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
+  }
+  errno = saved;
 }
 
 bool SockIsOpen(SOCKET s) { return s != INVALID_SOCKET && ::fcntl(Fd(s), F_GETFD) != -1; }

@@ -25,7 +25,7 @@ namespace shared::socket::detail {
 
 class QueueFront {
 public:
-  static constexpr unsigned kMaxPieces = 64;  // pieces of one gathered send
+  static constexpr unsigned kMaxPieces = shared::platform::kMaxSendPieces;  // pieces of one gathered send
 
   // Views up to max bytes from the front of rec.
   void Load(CLCtrlData const &rec, unsigned max);
