@@ -121,7 +121,7 @@ bool SendQueue::OnSendThread() const {
 // queued, and otherwise on the writability of every socket with queued bytes
 // (no count limit) plus the wake-up descriptor, which an insert or a stop
 // signals. A writable socket is served at once. A socket that could take
-// bytes but made no progress (its second's allowance is used up, its
+// bytes but may not send them (its second's allowance is used up, its
 // controller refuses data, a framed message waits for its tail) rests until
 // the next insert or kPauseMs later, so it cannot spin the thread.
 int SendQueue::ThreadLoop() {
@@ -386,8 +386,14 @@ bool SendQueue::SendSocket(unsigned int sock, bool *progress) {
     bool const mustWait = terms.framed ? PlanFramed(held, terms.allow, terms.rateLimit) : PlanStream(terms.allow);
     unsigned const planned = front_->Planned();
     unsigned out = 0;
-    if (planned > 0 && sink->AcceptsQueued(sock))
+    if (planned > 0 && sink->AcceptsQueued(sock)) {
       out = std::min(planned, sink->SendQueued(sock, front_->Pieces(), front_->PieceCount()));
+      // Refused by a full socket (another writer filled it since the
+      // poll): the next writability report is worth acting on, so the
+      // socket must not rest as one that may not send.
+      if (out == 0 && progress)
+        *progress = true;
+    }
     if (out > 0 && dump_ && CanDebug())
       DumpSent(sock, out);
     sink->SettleQueued(sock, terms, out);

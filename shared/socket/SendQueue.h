@@ -134,7 +134,8 @@ private:
   static int _DoSendQueueThread(IThread *thread, void *arg);
   int ThreadLoop();
   // One socket of a pass (lock_ held): true when nothing was left behind.
-  // *progress (when given) is set when bytes left the queue.
+  // *progress (when given) is set when bytes left the queue, or a send was
+  // tried and the socket had no room.
   bool SendSocket(unsigned int sock, bool *progress);
   bool OnSendThread() const;
   // Takes n bytes off the front of record key.
