@@ -7,18 +7,22 @@ namespace shared::platform {
 
 namespace {
 
+std::uint64_t SteadyMicros() {
+  using namespace std::chrono;
+  return static_cast<std::uint64_t>(duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count());
+}
+
+// No virtual calls inside: a call on this object may come when the process
+// is out of descriptors, where a sanitizer's first check of a new dynamic
+// type could not complete.
 class SystemClock final : public ClockSource {
 public:
   std::int64_t NowSeconds() override {
     using namespace std::chrono;
     return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
   }
-  std::uint32_t TickCount() override { return static_cast<std::uint32_t>(TickMicros() / 1000); }
-  std::uint64_t TickMicros() override {
-    using namespace std::chrono;
-    auto us = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
-    return static_cast<std::uint64_t>(us);
-  }
+  std::uint32_t TickCount() override { return static_cast<std::uint32_t>(SteadyMicros() / 1000); }
+  std::uint64_t TickMicros() override { return SteadyMicros(); }
   void SleepMs(std::uint32_t ms) override {
     if (ms == 0)
       std::this_thread::yield();
