@@ -58,7 +58,7 @@ void SetClockSource(ClockSource *source) {
 }
 
 ManualClock::ManualClock(std::int64_t seconds, std::uint32_t tick, bool sleepAdvances)
-    : seconds_(seconds), tick_(tick), subSecondMs_(0), micros_(kMicrosStart),
+    : seconds_(seconds), subSecondMs_(0), micros_(kMicrosStart),
       tickOffset_(tick - static_cast<std::uint32_t>(kMicrosStart / 1000)), sleepAdvances_(sleepAdvances) {}
 
 std::int64_t ManualClock::NowSeconds() {
@@ -68,7 +68,11 @@ std::int64_t ManualClock::NowSeconds() {
 
 std::uint32_t ManualClock::TickCount() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return tick_;
+  return TickLocked();
+}
+
+std::uint32_t ManualClock::TickLocked() const {
+  return static_cast<std::uint32_t>(micros_ / 1000) + tickOffset_;  // wraps at 2^32 like the real tick count
 }
 
 std::uint64_t ManualClock::TickMicros() {
@@ -91,7 +95,6 @@ void ManualClock::SleepMicros(std::uint32_t us) {
 
 void ManualClock::Advance(std::uint32_t ms) {
   std::lock_guard<std::mutex> lock(mutex_);
-  tick_ += ms;  // wraps at 2^32 like the real tick count
   micros_ += std::uint64_t{ms} * 1000;
   std::uint64_t total = std::uint64_t{subSecondMs_} + ms;
   seconds_ += static_cast<std::int64_t>(total / 1000);
@@ -101,7 +104,6 @@ void ManualClock::Advance(std::uint32_t ms) {
 void ManualClock::AdvanceMicros(std::uint64_t us) {
   std::lock_guard<std::mutex> lock(mutex_);
   micros_ += us;
-  tick_ = static_cast<std::uint32_t>(micros_ / 1000) + tickOffset_;
 }
 
 void ManualClock::SetSeconds(std::int64_t seconds) {
@@ -112,10 +114,8 @@ void ManualClock::SetSeconds(std::int64_t seconds) {
 
 void ManualClock::SetTick(std::uint32_t tick) {
   std::lock_guard<std::mutex> lock(mutex_);
-  auto const by = static_cast<std::int32_t>(tick - tick_);
+  auto const by = static_cast<std::int32_t>(tick - TickLocked());
   micros_ += static_cast<std::uint64_t>(static_cast<std::int64_t>(by) * 1000);
-  tick_ = tick;
-  tickOffset_ = tick_ - static_cast<std::uint32_t>(micros_ / 1000);
 }
 
 }  // namespace shared::platform

@@ -76,12 +76,13 @@ public:
   void SetTick(std::uint32_t tick);
 
 private:
+  std::uint32_t TickLocked() const;  // mutex_ held
+
   std::mutex mutex_;
-  std::int64_t seconds_;        // guarded by mutex_
-  std::uint32_t tick_;          // guarded by mutex_
-  std::uint32_t subSecondMs_;   // guarded by mutex_: ms not yet carried into seconds_
-  std::uint64_t micros_;        // guarded by mutex_: tick_ is micros_ / 1000 plus tickOffset_
-  std::uint32_t tickOffset_;    // guarded by mutex_
+  std::int64_t seconds_;              // guarded by mutex_
+  std::uint32_t subSecondMs_;         // guarded by mutex_: ms not yet carried into seconds_
+  std::uint64_t micros_;              // guarded by mutex_; the tick count is micros_ / 1000 + tickOffset_
+  std::uint32_t const tickOffset_;
   bool const sleepAdvances_;
 };
 

@@ -2,6 +2,7 @@
 #include "socket/SendQueue.h"
 
 #include "platform/Clock.h"
+#include "platform/SocketApi.h"
 #include "socket/SocketCtrl.h"
 #include "socket/SocketPrimitives.h"
 #include "JoinedThread.h"
@@ -9,7 +10,11 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -418,6 +423,49 @@ TEST(SendQueue, ManyQueuedSocketsAllDrainInOrder) {
     c.closesocket(static_cast<unsigned>(p[0]));
     ::close(p[1]);
   }
+}
+
+int TcpOption(unsigned fd, int name) {
+  int v = -1;
+  socklen_t len = sizeof v;
+  EXPECT_EQ(0, ::getsockopt(static_cast<int>(fd), IPPROTO_TCP, name, &v, &len));
+  return v;
+}
+
+// Bytes written to the socket and not yet sent.
+int NotSent(unsigned fd) {
+  int n = -1;
+  EXPECT_EQ(0, ::ioctl(static_cast<int>(fd), SIOCOUTQNSD, &n));
+  return n;
+}
+
+// A queued send leaves nothing held back: with a cork (which holds a short
+// segment for up to 200 ms) the bytes are on their way when the send
+// returns, and the cork and Nagle's rule are still the owner's.
+TEST(QueuedSend, LeavesNothingHeldBackAndTheOwnersOptionsAsTheyWere) {
+  SendQueue q(4096, 4, 4);
+  Link link(&q);
+  unsigned const s = link.Add();
+  int const client = link.clients.back();
+  int const on = 1;
+  ASSERT_EQ(0, ::setsockopt(static_cast<int>(s), IPPROTO_TCP, TCP_CORK, &on, sizeof on));
+
+  char const bytes[100] = {};
+  shared::platform::SockPiece const piece{bytes, sizeof bytes};
+  ISendSink &sink = link.srv;
+  EXPECT_EQ(100u, sink.SendQueued(s, &piece, 1));
+  EXPECT_EQ(0, NotSent(s));
+  EXPECT_EQ(0, TcpOption(s, TCP_NODELAY));
+  EXPECT_NE(0, TcpOption(s, TCP_CORK));
+  EXPECT_EQ(100u, ReadN(client, 100).size());
+
+  // An owner that turned coalescing off keeps it off.
+  int const off = 0;
+  ASSERT_EQ(0, ::setsockopt(static_cast<int>(s), IPPROTO_TCP, TCP_CORK, &off, sizeof off));
+  ASSERT_EQ(0, ::setsockopt(static_cast<int>(s), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on));
+  EXPECT_EQ(100u, sink.SendQueued(s, &piece, 1));
+  EXPECT_NE(0, TcpOption(s, TCP_NODELAY));
+  EXPECT_EQ(100u, ReadN(client, 100).size());
 }
 
 }  // namespace
