@@ -1,4 +1,5 @@
 #include "platform/Clock.h"
+#include "platform/SystemTime.h"
 
 #include <chrono>
 #include <thread>
@@ -17,10 +18,7 @@ std::uint64_t SteadyMicros() {
 // type could not complete.
 class SystemClock final : public ClockSource {
 public:
-  std::int64_t NowSeconds() override {
-    using namespace std::chrono;
-    return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
-  }
+  std::int64_t NowSeconds() override { return CalendarSeconds(); }
   std::uint32_t TickCount() override { return static_cast<std::uint32_t>(SteadyMicros() / 1000); }
   std::uint64_t TickMicros() override { return SteadyMicros(); }
   void SleepMs(std::uint32_t ms) override {

@@ -129,6 +129,11 @@ int Base::SaveDataKey(unsigned key, void* buf, unsigned len) {
   return reg ? reg->SaveData(buf, len) : 0;
 }
 
+unsigned Base::SavePacketsKey(unsigned key, void const* buf, unsigned len) {
+  SockBuf_reg* reg = search(key, nullptr);
+  return reg ? reg->SavePackets(buf, len) : 0;
+}
+
 int Base::GetDataKey(unsigned key, void* buf, unsigned* pLen) {
   SockBuf_reg* reg = search(key, nullptr);
   return reg ? reg->GetData(buf, pLen) : 0;

@@ -54,6 +54,8 @@ class SHAREDLIB_API BufSVectorT<unsigned, SockBuf_reg> {
   int IsOk() const { return ok_; }
 
   int SaveDataKey(unsigned key, void* buf, unsigned len);
+  // SockBuf_reg::SavePackets on the key's register: the number stored.
+  unsigned SavePacketsKey(unsigned key, void const* buf, unsigned len);
   int GetDataKey(unsigned key, void* buf, unsigned* pLen);
   int SaveDataInd(unsigned pos, void* buf, unsigned len);
   int GetDataInd(unsigned pos, void* buf, unsigned* pLen);

@@ -60,6 +60,9 @@ class SHAREDLIB_API SockBuf_reg : public BufVectorReg, public ISockBuffExt {
   void reset() override;
   // Appends one packet (owner's read thread). 1 stored, 0 refused or dropped.
   int SaveData(void* buf, unsigned len) override;
+  // Appends whole packets that lie back to back in buf (len bytes in all),
+  // each as SaveData would, under one taking of the lock. The number stored.
+  unsigned SavePackets(void const* buf, unsigned len);
   // Takes one whole packet; *pLen is the room on entry, the size on return.
   // A packet larger than the room is dropped (0): a reader with a small
   // buffer cannot stall the stream. Blocks in blocking mode.
@@ -149,7 +152,7 @@ class SHAREDLIB_API SockBuf_reg : public BufVectorReg, public ISockBuffExt {
   bool Grow(unsigned needed);  // lock held
   void FlushLocked();  // lock held
   void DestroyStages();  // lock held
-  int SaveLocked(void* buf, unsigned len, bool* wake);
+  int SaveLocked(void const* buf, unsigned len, std::int64_t now);
   // Lock held. true when a blocked reader has a packet now; the caller
   // signals it once the lock is left.
   bool ClaimWaitingReader();

@@ -249,6 +249,7 @@ void SockBuffs::NotifyPktRead(unsigned mediaId, unsigned flags) {
   unsigned const gathered = r->flags;
   r->time = now + period;
   r->flags = 0;
+  FlushWindowRun();  // what the notice announces is in the window
   notifier->PktRead(cookie_.load(), mediaId, percent, gathered);
 }
 

@@ -192,6 +192,8 @@ class SHAREDLIB_API SockBuffs : public SocketCtrl, public ISockBufOwner {
   void ChangeReadOffset();
 
   void SaveMediaPkt(unsigned char const* pkt, unsigned len);
+  void StoreInWindow(unsigned key, unsigned char const* pkt, unsigned len);
+  void FlushWindowRun();
   bool CompletePending(unsigned char const** p, unsigned* len);
   bool PaceFilePacket(unsigned key, unsigned ts);  // lock_ held; true when it waited
   void NotifyPktRead(unsigned mediaId, unsigned flags);
@@ -232,6 +234,15 @@ class SHAREDLIB_API SockBuffs : public SocketCtrl, public ISockBufOwner {
   std::unique_ptr<IndexStr> index_;           // guarded by lock_
   std::vector<unsigned char> readBuf_;        // read thread only
   std::vector<unsigned char> pktBuf_;         // guarded by lock_
+  // Packets of one window lying back to back in the bytes being cut, not
+  // stored yet: they go in together, under one taking of the window's lock.
+  // Stored before lock_ is left and before the application is called.
+  struct WindowRun {
+    unsigned key = 0;
+    unsigned char const* begin = nullptr;
+    unsigned len = 0;
+  };
+  WindowRun run_;                             // guarded by lock_
   int saveFd_ = -1;                           // guarded by lock_
   int readFd_ = -1;                           // guarded by lock_
   SockUrl url_;                               // guarded by lock_

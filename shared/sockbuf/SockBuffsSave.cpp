@@ -59,6 +59,7 @@ int SockBuffs::WriteData(void const* buf, unsigned len) {
     p += size;
     len -= size;
   }
+  FlushWindowRun();
   if (len != 0 && !stop_.load() && !input_->SaveData(const_cast<unsigned char*>(p), len))
     return 0;
   return 1;
@@ -82,6 +83,7 @@ bool SockBuffs::CompletePending(unsigned char const** p, unsigned* len) {
   unsigned n = static_cast<unsigned>(pktBuf_.size());
   if (!input_->GetData(pktBuf_.data(), &n)) return false;
   SaveMediaPkt(pktBuf_.data(), n);
+  FlushWindowRun();  // the chunk's packets do not follow on in pktBuf_
   return true;
 }
 
@@ -101,6 +103,7 @@ void SockBuffs::SaveMediaPkt(unsigned char const* p, unsigned len) {
     ISockBuffNotify* notifier = notifier_.load();
     if (notifier == nullptr) return;
     // The application may take its time: readers get what is stored so far.
+    FlushWindowRun();
     if (!fromFile) wnds_->HoldWakes(0);
     lock_.Signal();
     int const wanted = notifier->NewMediaId(mediaId, p[10], p[11]);
@@ -113,7 +116,8 @@ void SockBuffs::SaveMediaPkt(unsigned char const* p, unsigned len) {
   }
   bool const waited = fromFile && PaceFilePacket(key, ts);
   if (stop_.load()) return;
-  if (wnds_->SaveDataKey(key, const_cast<unsigned char*>(p), size)) sockError_.store(0);
+  StoreInWindow(key, p, size);
+  if (fromFile) FlushWindowRun();  // paced one by one: readers see each as it is due
   if (notifyOn_ && notifier_.load() != nullptr) NotifyPktRead(mediaId, p[11]);
   if (saveFd_ != -1) WriteSaveFile(p, size);
   if (ISockBuff* writer = fileMW_.load()) writer->Write(p, size, nullptr);
@@ -121,6 +125,23 @@ void SockBuffs::SaveMediaPkt(unsigned char const* p, unsigned len) {
     lock_.Signal();
     lock_.Wait();
   }
+}
+
+// lock_ held.
+void SockBuffs::StoreInWindow(unsigned key, unsigned char const* p, unsigned len) {
+  if (run_.len != 0 && (run_.key != key || run_.begin + run_.len != p)) FlushWindowRun();
+  if (run_.len == 0) {
+    run_.key = key;
+    run_.begin = p;
+  }
+  run_.len += len;
+}
+
+// lock_ held.
+void SockBuffs::FlushWindowRun() {
+  if (run_.len == 0) return;
+  if (wnds_->SavePacketsKey(run_.key, run_.begin, run_.len) != 0) sockError_.store(0);
+  run_ = WindowRun{};
 }
 
 // A file source plays at the pace of its time stamps: a packet is due at the

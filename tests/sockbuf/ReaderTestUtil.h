@@ -82,9 +82,12 @@ class Notifier : public ISockBuffNotify {
     return onNew ? onNew(mediaId) : 0;
   }
   void PktRead(unsigned long cookie, unsigned mediaId, double percent, unsigned flags) override {
-    std::lock_guard<std::mutex> l(mutex_);
-    lastCookie = cookie;
-    reads.push_back({mediaId, percent, flags});
+    {
+      std::lock_guard<std::mutex> l(mutex_);
+      lastCookie = cookie;
+      reads.push_back({mediaId, percent, flags});
+    }
+    if (onRead) onRead();
   }
   void EndOfStream() override {
     std::lock_guard<std::mutex> l(mutex_);
@@ -100,6 +103,7 @@ class Notifier : public ISockBuffNotify {
   }
 
   std::function<int(unsigned)> onNew;  // set before the reader runs
+  std::function<void()> onRead;        // likewise
   std::vector<unsigned> asked;
   std::vector<Read> reads;
   unsigned long lastCookie = 0;

@@ -98,6 +98,30 @@ TEST(SockBufReg, OverflowDropsEverythingHeldAndGrowableRegistersGrowExactly) {
   EXPECT_EQ(0, Save(none, Pkt(1, 1)));
 }
 
+// Packets saved as one run keep the one-by-one rules: the packet that does
+// not fit drops what is held (and itself), the rest of the run goes on; a
+// packet cut short at the end of the bytes is not stored.
+TEST(SockBufReg, RunOfPacketsFollowsTheSameOverflowRule) {
+  SockBuf_reg reg(40, 0);
+  reg.SetBlock(0);
+  ASSERT_EQ(1, reg.OpenUrl());
+  Bytes run;
+  for (std::uint32_t seq = 1; seq <= 5; ++seq) {
+    Bytes p = Pkt(1, seq);
+    run.insert(run.end(), p.begin(), p.end());
+  }
+  Bytes const cut = Pkt(1, 6, 10);
+  run.insert(run.end(), cut.begin(), cut.end() - 1);
+  // 1 and 2 fit, 3 overflows, 4 and 5 fit again; 6 lacks a byte.
+  EXPECT_EQ(4u, reg.SavePackets(run.data(), Len(run)));
+  EXPECT_EQ(4u, SeqOf(Take(reg)));
+  EXPECT_EQ(5u, SeqOf(Take(reg)));
+  EXPECT_TRUE(Take(reg).empty());
+  EXPECT_EQ(0u, reg.SavePackets(nullptr, 16));
+  reg.CloseUrl();
+  EXPECT_EQ(0u, reg.SavePackets(run.data(), Len(run)));
+}
+
 TEST(SockBufReg, FilterDropsForeignPacketsAndLossCountsGapsOnly) {
   SockBuf_reg reg(1024, 0);
   reg.SetBlock(0);

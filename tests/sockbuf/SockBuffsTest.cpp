@@ -155,6 +155,55 @@ TEST(SockBuffsNotify, NewMediaIdBindsFromInside) {
   EXPECT_EQ(Seqs(Drain(f.reader.GetWndObj(7))), (std::vector<std::uint32_t>{2, 3}));
 }
 
+// One chunk of the byte stream: the read thread stores runs of one window's
+// packets together, but the application must never be told of a packet, or
+// asked about a new identifier, before what came earlier is in its window.
+TEST(SockBuffsNotify, ChunkOfManyPacketsIsStoredBeforeTheApplicationHearsOfIt) {
+  sp::ManualClock clock;
+  sp::ScopedClockSource use(clock);
+  Fed f;
+  Notifier n;
+  f.reader.SetINotify(&n, 1, 0);
+  ISockBuffExt* a = f.Window(1, kA);
+  ISockBuffExt* b = nullptr;
+  std::size_t heldWhenAsked = 0;
+  n.onNew = [&](unsigned media) {
+    heldWhenAsked = Drain(a).size();
+    EXPECT_EQ(f.reader.CreateWnd(2, 0, 0, 0, 0, media, 0), 1);
+    f.reader.SetWndBlock(2, 0);
+    b = f.reader.GetWndObj(2);
+    return 1;
+  };
+  Bytes chunk;
+  auto add = [&](Bytes const& p) { chunk.insert(chunk.end(), p.begin(), p.end()); };
+  add(MediaPkt(kA, 1, 10));
+  add(MediaPkt(kA, 2, 20));
+  add(MediaPkt(kB, 1, 10));  // unbound: asked with A's two already stored
+  add(MediaPkt(kA, 3, 30));
+  add(pkttest::Pkt(kA, 9, Bytes(7, 1)));  // too short: skipped, A's run breaks
+  add(MediaPkt(kA, 4, 40));
+  add(MediaPkt(kB, 2, 20));
+  Bytes const tail = MediaPkt(kA, 5, 50);
+  add(Bytes(tail.begin(), tail.begin() + 15));
+  f.Feed(chunk);
+  EXPECT_EQ(heldWhenAsked, 2u);
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(Seqs(Drain(a)), (std::vector<std::uint32_t>{3, 4}));
+  EXPECT_EQ(Seqs(Drain(b)), (std::vector<std::uint32_t>{1, 2}));
+  f.Feed(Bytes(tail.begin() + 15, tail.end()));
+  EXPECT_EQ(Seqs(Drain(a)), (std::vector<std::uint32_t>{5}));
+
+  // A notice due in the middle of a chunk finds its packet readable.
+  std::size_t readableAtNotice = 0;
+  n.onRead = [&] { readableAtNotice = Drain(a).size(); };
+  clock.Advance(5000);
+  chunk.clear();
+  for (std::uint32_t seq = 6; seq <= 9; ++seq) add(MediaPkt(kA, seq, seq * 10));
+  f.Feed(chunk);
+  EXPECT_EQ(readableAtNotice, 1u);
+  EXPECT_EQ(Seqs(Drain(a)), (std::vector<std::uint32_t>{7, 8, 9}));
+}
+
 TEST(SockBuffsNotify, PktReadOncePerPeriodWithGatheredFlags) {
   sp::ManualClock clock;
   sp::ScopedClockSource use(clock);
