@@ -460,6 +460,9 @@ int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, lon
         return -1;
     }
   }
+  int streakResult = 0;
+  if (useDemux && !all && !from && ReadStreak(buf, size, keepOpen, outSock, &streakResult))
+    return streakResult;
   if (useDemux) {
     // A wake-up (a socket added or closed by another thread) ends the wait
     // early; the wait then goes on for the time left.
@@ -522,12 +525,54 @@ int SocketCtrl::readall(char *buf, unsigned int size, int all, int keepOpen, lon
   }
   bool ended = false;
   int r = ReadReady(ready, buf, size, all != 0, from, ms, start, &ended);
+  EndRead(ready, keepOpen, ended);
+  if (useDemux && !all && !from)
+    NoteRead(ready, size, r, ended);
+  return r;
+}
+
+// Reads the socket of a streak without waiting. false when there is none or
+// it had nothing after all: the caller waits as usual.
+bool SocketCtrl::ReadStreak(char *buf, unsigned size, int keepOpen, unsigned *outSock, int *result) {
+  SOCKET s = kNone;
+  {
+    SemGuard g(*lock_);
+    s = streakSock_;
+    streakSock_ = kNone;
+    if (s == kNone || streakLeft_ == 0 || !active_->isset(s) || listen_->isset(s) || IsClosePending(s))
+      return false;
+    --streakLeft_;
+    busy_ = 1;  // as for any read without the lock: a close is only marked
+  }
+  bool ended = false;
+  int const r = ReadReady(s, buf, size, false, nullptr, 0, 0, &ended);
+  EndRead(s, keepOpen, ended);
+  if (r == 0)
+    return false;
+  if (outSock)
+    *outSock = s;
   SemGuard g(*lock_);
-  if (ended && !keepOpen && RemoveActiveSock(ready, 0, 0, 0))
-    _closesocket(ready);
+  if (r == static_cast<int>(size) && streakLeft_ != 0)
+    streakSock_ = s;
+  *result = r;
+  return true;
+}
+
+// After a read made without the lock: closes an ended socket (unless the
+// caller keeps it) and carries out the closes marked meanwhile.
+void SocketCtrl::EndRead(SOCKET s, int keepOpen, bool ended) {
+  SemGuard g(*lock_);
+  if (ended && !keepOpen && RemoveActiveSock(s, 0, 0, 0))
+    _closesocket(s);
   ProcessCloseSSocks();
   busy_ = 0;
-  return r;
+}
+
+// A read after a wait that filled the buffer starts a streak.
+void SocketCtrl::NoteRead(SOCKET s, unsigned size, int r, bool ended) {
+  SemGuard g(*lock_);
+  streakSock_ = !ended && r == static_cast<int>(size) ? s : kNone;
+  streakLeft_ = kStreakReads;
 }
 
 // Reads s without ever blocking past the time-out. Bytes once taken are

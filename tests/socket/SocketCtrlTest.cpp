@@ -973,6 +973,47 @@ TEST_P(SocketCtrlTest, SocketAddedDuringALongWaitIsServedAtOnce) {
   ::close(fds[1]);
 }
 
+// A stream that fills the buffer is read again at once: the bytes still come
+// whole and in order, the short read ends the run, and an end met on such a
+// read closes the socket as it would after a wait.
+TEST_P(SocketCtrlTest, ReadallRunsOnAFullStreamAndEndsItAsAfterAWait) {
+  auto sv = Serve(1);
+  unsigned s = sv->S(0);
+  std::string sent;
+  for (int i = 0; i < 12; ++i)
+    sent += std::string(8, static_cast<char>('a' + i));
+  sent += "tail";
+  SendAll(sv->fds[0], sent);
+  ASSERT_TRUE(AllReadable({s}));
+  std::string got;
+  char buf[8];
+  unsigned from = 0;
+  auto end = Clock::now() + kDeadline;
+  while (got.size() < sent.size() && Clock::now() < end) {
+    int r = sv->srv->readall(buf, sizeof(buf), 0, 0, 1, &from, nullptr);
+    ASSERT_GE(r, 0);
+    if (r > 0) {
+      EXPECT_EQ(s, from);
+      got.append(buf, static_cast<std::size_t>(r));
+    }
+  }
+  EXPECT_EQ(sent, got);
+  // Exactly two buffers, then the end: the second read runs on and meets it.
+  SendAll(sv->fds[0], std::string(16, 'z'));
+  ASSERT_EQ(0, ::shutdown(sv->fds[0], SHUT_WR));
+  int r = 0;
+  std::vector<int> results;
+  end = Clock::now() + kDeadline;
+  while (r >= 0 && Clock::now() < end) {
+    r = sv->srv->readall(buf, sizeof(buf), 0, 0, 1, &from, nullptr);
+    if (r != 0)
+      results.push_back(r);
+  }
+  EXPECT_EQ((std::vector<int>{8, 8, -1}), results);
+  EXPECT_EQ(s, from);
+  EXPECT_EQ(0, sv->srv->IsConnected(s));
+}
+
 // readall with all on a non-blocking socket keeps the bytes it took when the
 // stream ends part way, and reports the end on the next call.
 TEST_P(SocketCtrlTest, ReadallKeepsWhatItTookWhenTheStreamEndsEarly) {
