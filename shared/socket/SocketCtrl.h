@@ -272,8 +272,8 @@ public:
   // a socket whose stream ended open for the caller to close.
   // A socket whose last read filled the buffer is read again first, without
   // a wait, up to kStreakReads times in a row: a stream that keeps the
-  // reader busy costs one system call per buffer instead of two, and every
-  // other socket still gets its turn.
+  // reader busy costs one system call per buffer instead of two, and the
+  // demultiplexer still chooses among all sockets every ninth call or sooner.
   static constexpr unsigned kStreakReads = 8;
   int readall(char *buf, unsigned int size, int all, int keepOpen, long timeout, unsigned int *outSock,
               sockaddr_in *from);
