@@ -149,7 +149,7 @@ int SockBuf_reg::SaveData(void* buf, unsigned len) {
   {
     SemGuard guard(lock_);
     stored = SaveLocked(buf, len, shared::platform::NowSeconds());
-    wake = stored && !holdWake_ && ClaimWaitingReader();
+    wake = ClaimWaitingReader();
   }
   // Signalled after the data lock is left: a reader woken under it would
   // only collide with the lock and sleep again.
@@ -178,7 +178,7 @@ unsigned SockBuf_reg::SavePackets(void const* buf, unsigned len) {
       p += size;
       len -= size;
     }
-    wake = stored != 0 && !holdWake_ && ClaimWaitingReader();
+    wake = ClaimWaitingReader();
   }
   if (wake)
     dataReady_.Signal();
@@ -209,7 +209,7 @@ int SockBuf_reg::SaveLocked(void const* buf, unsigned len, std::int64_t now) {
 }
 
 bool SockBuf_reg::ClaimWaitingReader() {
-  if (!readerWaiting_ || IsPacketRdy() == 0)
+  if (holdWake_ || !readerWaiting_ || IsPacketRdy() == 0)
     return false;
   readerWaiting_ = 0;
   return true;
@@ -220,7 +220,7 @@ void SockBuf_reg::HoldWake(int on) {
   {
     SemGuard guard(lock_);
     holdWake_ = on;
-    wake = !on && ClaimWaitingReader();
+    wake = ClaimWaitingReader();
   }
   if (wake)
     dataReady_.Signal();

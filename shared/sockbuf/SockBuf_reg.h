@@ -153,8 +153,8 @@ class SHAREDLIB_API SockBuf_reg : public BufVectorReg, public ISockBuffExt {
   void FlushLocked();  // lock held
   void DestroyStages();  // lock held
   int SaveLocked(void const* buf, unsigned len, std::int64_t now);
-  // Lock held. true when a blocked reader has a packet now; the caller
-  // signals it once the lock is left.
+  // Lock held. true when a blocked reader has a packet now and wake-ups are
+  // not held; the caller signals it once the lock is left.
   bool ClaimWaitingReader();
   int TakePacket(void* buf, unsigned* pLen);  // lock held, packet ready
   int TakeNext(void* buf, unsigned* pLen, bool* ordered);

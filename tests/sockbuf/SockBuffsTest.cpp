@@ -134,12 +134,19 @@ TEST(SockBuffsWindows, CreateRefusesBadKeysAndTooMany) {
   EXPECT_EQ(none.CreateWnd(1, 0, 0, 0, 0, 0, 0), 0);
 }
 
+// The notifier's tests: a reader fed by the test, on a clock the test moves.
+class SockBuffsNotify : public ::testing::Test {
+ protected:
+  sp::ManualClock clock;
+  sp::ScopedClockSource use{clock};
+  Fed f;
+  Notifier n;
+};
+
 // NewMediaId runs with the reader's lock released: it may create and bind a
 // window, and the packet that asked lands there. A 0 answer drops the packet
 // and the next one asks again.
-TEST(SockBuffsNotify, NewMediaIdBindsFromInside) {
-  Fed f;
-  Notifier n;
+TEST_F(SockBuffsNotify, NewMediaIdBindsFromInside) {
   int calls = 0;
   n.onNew = [&](unsigned media) {
     if (++calls == 1) return 0;
@@ -158,11 +165,7 @@ TEST(SockBuffsNotify, NewMediaIdBindsFromInside) {
 // One chunk of the byte stream: the read thread stores runs of one window's
 // packets together, but the application must never be told of a packet, or
 // asked about a new identifier, before what came earlier is in its window.
-TEST(SockBuffsNotify, ChunkOfManyPacketsIsStoredBeforeTheApplicationHearsOfIt) {
-  sp::ManualClock clock;
-  sp::ScopedClockSource use(clock);
-  Fed f;
-  Notifier n;
+TEST_F(SockBuffsNotify, ChunkOfManyPacketsIsStoredBeforeTheApplicationHearsOfIt) {
   f.reader.SetINotify(&n, 1, 0);
   ISockBuffExt* a = f.Window(1, kA);
   ISockBuffExt* b = nullptr;
@@ -204,11 +207,7 @@ TEST(SockBuffsNotify, ChunkOfManyPacketsIsStoredBeforeTheApplicationHearsOfIt) {
   EXPECT_EQ(Seqs(Drain(a)), (std::vector<std::uint32_t>{7, 8, 9}));
 }
 
-TEST(SockBuffsNotify, PktReadOncePerPeriodWithGatheredFlags) {
-  sp::ManualClock clock;
-  sp::ScopedClockSource use(clock);
-  Fed f;
-  Notifier n;
+TEST_F(SockBuffsNotify, PktReadOncePerPeriodWithGatheredFlags) {
   f.reader.SetINotify(&n, 2, 77);
   f.Window(1, kA);
   f.Feed(MediaPkt(kA, 1, 10, 8, 0x01));
